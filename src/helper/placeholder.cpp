@@ -1,0 +1,1 @@
+// Empty until the room has its first source.

@@ -1,0 +1,43 @@
+#include "platform/linux/x11_connection.h"
+
+namespace vesko {
+
+X11Connection::~X11Connection() { close(); }
+
+void X11Connection::close() {
+  if (connection_) xcb_disconnect(connection_);
+  connection_ = nullptr;
+  screen_ = nullptr;
+  atoms_.clear();
+}
+
+xcb_connection_t* X11Connection::get() {
+  if (connection_ && xcb_connection_has_error(connection_) == 0) return connection_;
+  close();
+  int screenNumber = 0;
+  xcb_connection_t* opened = xcb_connect(nullptr, &screenNumber);
+  if (xcb_connection_has_error(opened) != 0) {
+    xcb_disconnect(opened);
+    return nullptr;
+  }
+  auto screens = xcb_setup_roots_iterator(xcb_get_setup(opened));
+  for (; screens.rem > 0 && screenNumber > 0; --screenNumber) xcb_screen_next(&screens);
+  connection_ = opened;
+  screen_ = screens.data;
+  ++generation_;
+  return connection_;
+}
+
+xcb_atom_t X11Connection::atom(std::string_view name) {
+  const auto [entry, isNew] = atoms_.try_emplace(std::string(name), XCB_ATOM_NONE);
+  if (isNew || entry->second == XCB_ATOM_NONE) {
+    const auto cookie =
+        xcb_intern_atom(connection_, 0, static_cast<std::uint16_t>(name.size()), name.data());
+    const XcbPtr<xcb_intern_atom_reply_t> reply(
+        xcb_intern_atom_reply(connection_, cookie, nullptr));
+    if (reply) entry->second = reply->atom;
+  }
+  return entry->second;
+}
+
+}  // namespace vesko

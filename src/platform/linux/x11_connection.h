@@ -1,0 +1,50 @@
+// One connection to the X server, opened on first use and again after it broke.
+#pragma once
+
+#include <xcb/xcb.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace vesko {
+
+/// Owns a reply, error or event of xcb, which are allocated with malloc.
+struct FreeDeleter {
+  void operator()(void* memory) const { std::free(memory); }
+};
+template <class T>
+using XcbPtr = std::unique_ptr<T, FreeDeleter>;
+
+/// Not synchronised: each service has a connection of its own and guards it with its own lock.
+class X11Connection {
+ public:
+  X11Connection() = default;
+  X11Connection(const X11Connection&) = delete;
+  X11Connection& operator=(const X11Connection&) = delete;
+  ~X11Connection();
+
+  /// The connection to $DISPLAY, or null while there is no server to talk to. Handles from before
+  /// a reconnection (windows, segments, atoms) are void: `generation` tells.
+  xcb_connection_t* get();
+  unsigned generation() const { return generation_; }
+
+  /// Valid after get() returned a connection.
+  xcb_screen_t* screen() const { return screen_; }
+  xcb_window_t root() const { return screen_->root; }
+
+  /// Interned once a connection; XCB_ATOM_NONE when the server did not answer.
+  xcb_atom_t atom(std::string_view name);
+
+ private:
+  void close();
+
+  xcb_connection_t* connection_ = nullptr;
+  xcb_screen_t* screen_ = nullptr;
+  unsigned generation_ = 0;
+  std::unordered_map<std::string, xcb_atom_t> atoms_;
+};
+
+}  // namespace vesko
