@@ -56,6 +56,9 @@ class ProcessReference {
   virtual bool alive() const = 0;
   /// False when the process is gone or may not be signalled.
   virtual bool signal(int number) = 0;
+  /// Calls `ended` once when the process has ended, on the main thread and never before returning;
+  /// not after this reference was destroyed.
+  virtual void notifyExit(std::move_only_function<void()> ended) = 0;
 };
 
 class ProcessHost {

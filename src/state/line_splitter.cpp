@@ -1,0 +1,10 @@
+#include "state/line_splitter.h"
+
+namespace vesko {
+
+void LineSplitter::clear() {
+  std::string().swap(buffer_);
+  dropping_ = false;
+}
+
+}  // namespace vesko
