@@ -19,13 +19,14 @@ using Environment = std::map<std::string, std::string, std::less<>>;
 
 struct ProcessExit {
   bool signalled = false;
-  int code = 0;  ///< exit status, or the signal's number
+  int code = 0;  ///< exit status, or the signal's number; -1 when the system does not tell
 };
 
 struct ProcessLaunch {
   std::filesystem::path executable;
   Environment environment;
   /// Bytes of the child's standard output and error, as one read delivered them. Main thread.
+  /// Both handlers may destroy the ChildProcess.
   std::move_only_function<void(std::string_view chunk)> onOutput;
   /// The child has ended and has been reaped; what it had written before was delivered. At most
   /// once, main thread.
@@ -44,7 +45,9 @@ class ChildProcess {
   /// up to a limit and follows as the child reads. The error is a system message; nothing of a
   /// refused line is written.
   virtual std::expected<void, std::string> write(std::string_view line) = 0;
+  /// No more lines are taken; the pipe closes once the child has read what was kept.
   virtual void closeInput() = 0;
+  /// Does nothing once the child has ended.
   virtual void signal(int number) = 0;
 };
 
@@ -67,6 +70,8 @@ class ProcessHost {
   virtual std::expected<std::unique_ptr<ChildProcess>, std::string> launch(ProcessLaunch launch) = 0;
 
   virtual std::vector<pid_t> processIds() = 0;
+  /// Ids are reused: to act on what a path says, open() first, ask for the path, and see that the
+  /// reference is alive() still.
   virtual std::optional<std::filesystem::path> executablePath(pid_t pid) = 0;
   /// Null when there is no such process.
   virtual std::unique_ptr<ProcessReference> open(pid_t pid) = 0;
