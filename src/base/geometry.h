@@ -1,6 +1,10 @@
 // Points and rectangles in screen points, origin at the top left of the main display.
 #pragma once
 
+#include <tuple>
+
+#include "base/json_record.h"
+
 namespace vesko {
 
 struct Point {
@@ -15,6 +19,11 @@ struct Rect {
   double w = 0;
   double h = 0;
   bool operator==(const Rect&) const = default;
+
+  static constexpr auto jsonFields() {
+    return std::tuple{json::field("x", &Rect::x), json::field("y", &Rect::y),
+                      json::field("w", &Rect::w), json::field("h", &Rect::h)};
+  }
 };
 
 }  // namespace vesko

@@ -1,0 +1,58 @@
+// Pixels of an X drawable, by MIT-SHM where the server shares this machine's memory.
+// Protocols: https://www.x.org/releases/current/doc/xproto/x11protocol.html (GetImage) and
+// https://www.x.org/releases/current/doc/xextproto/shm.html (version 1.2).
+#pragma once
+
+#include <xcb/xcb.h>
+
+#include <optional>
+#include <span>
+
+#include "platform/image.h"
+
+namespace vesko {
+
+struct PixelRect {
+  int x = 0;
+  int y = 0;
+  int width = 0;
+  int height = 0;
+  bool operator==(const PixelRect&) const = default;
+};
+
+/// How the pixels of a drawable are laid out in an image.
+struct PixelFormat {
+  int bitsPerPixel = 32;
+  int scanlinePad = 32;  ///< bits
+  bool mostSignificantFirst = false;
+  std::uint32_t red = 0xFF0000;
+  std::uint32_t green = 0xFF00;
+  std::uint32_t blue = 0xFF;
+  std::uint32_t alpha = 0;  ///< 0 when there is none
+  bool operator==(const PixelFormat&) const = default;
+
+  std::size_t bytesPerRow(int width) const;
+};
+
+/// Nothing for an unknown visual, or one whose pixels are indices and no colours.
+std::optional<PixelFormat> pixelFormatOf(const xcb_setup_t* setup, xcb_visualid_t visual);
+
+/// Pixels of any direct-colour format as an image of our own. `bytes` holds all rows.
+std::optional<Image> convertPixels(std::span<const std::byte> bytes, PixelSize size,
+                                   const PixelFormat& format);
+
+/// Whether the server takes memory by file descriptor: it must be reached by a local socket.
+bool canShareMemory(xcb_connection_t* connection);
+
+/// An image whose pixels only its maker may still write.
+struct GrabbedImage {
+  Image image;
+  std::uint32_t* pixels = nullptr;
+};
+
+/// Reads `area` of the drawable, which must lie inside it. Nothing when the server refuses.
+std::optional<GrabbedImage> grabPixels(xcb_connection_t* connection, xcb_drawable_t drawable,
+                                       const PixelRect& area, const PixelFormat& format,
+                                       bool shareMemory);
+
+}  // namespace vesko
