@@ -17,7 +17,9 @@ class VirtualMainLoop::Source : public Timer::Source {
   Key key_;
 };
 
-VirtualMainLoop::VirtualMainLoop() { adoptMainThread(); }
+VirtualMainLoop::VirtualMainLoop() {
+  adoptMainThread();
+}
 
 void VirtualMainLoop::post(Closure work) {
   const MutexLock lock(mutex_);
