@@ -5,8 +5,13 @@
 
 #include <algorithm>
 
+#include "base/main_thread.h"
+
 namespace vesko {
 namespace {
+
+// GDK_PRIORITY_REDRAW of the toolkit.
+constexpr int drawingPriority = G_PRIORITY_HIGH_IDLE + 20;
 
 gboolean runClosure(gpointer closure) {
   (*static_cast<Closure*>(closure))();
@@ -58,9 +63,8 @@ GSource* newFdSource(int fd, FdWatch::For what, Closure ready, FdWatch::Priority
                           return runClosure(closure);
                         }),
                         new Closure(std::move(ready)), deleteClosure);
-  // The toolkit draws at idle priorities: a stream that never runs dry would stop it otherwise.
-  const bool patient = priority == FdWatch::Priority::patient;
-  g_source_set_priority(source, patient ? G_PRIORITY_DEFAULT_IDLE : G_PRIORITY_DEFAULT);
+  const bool shared = priority == FdWatch::Priority::shared;
+  g_source_set_priority(source, shared ? drawingPriority : G_PRIORITY_DEFAULT);
   g_source_attach(source, nullptr);
   return source;
 }

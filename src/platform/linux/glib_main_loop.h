@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "base/main_loop.h"
-#include "base/main_thread.h"
 #include "base/mutex.h"
 
 struct _GMainLoop;
@@ -45,8 +44,8 @@ class GlibEvent {
 class FdWatch : public GlibEvent {
  public:
   enum class For { reading, writing };
-  /// `patient` lets everything else go first, drawing included: for streams without an end.
-  enum class Priority { normal, patient };
+  /// `shared` takes turns with drawing and lets input go first: for streams that may never run dry.
+  enum class Priority { normal, shared };
 
   FdWatch() = default;
   FdWatch(int fd, For what, Closure ready, Priority priority = Priority::normal);

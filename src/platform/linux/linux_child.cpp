@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
-#include <sys/pidfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +13,8 @@
 #include <optional>
 #include <system_error>
 #include <vector>
+
+#include "platform/linux/pidfd.h"
 
 namespace vesko {
 namespace {
@@ -165,7 +166,7 @@ void LinuxChild::watch() {
   exitWatch_ =
       FdWatch(pidfd_.get(), FdWatch::For::reading, [self = shared_from_this()] { self->reap(); });
   outputWatch_ = FdWatch(
-      output_.get(), FdWatch::For::reading, [this] { readOutput(); }, FdWatch::Priority::patient);
+      output_.get(), FdWatch::For::reading, [this] { readOutput(); }, FdWatch::Priority::shared);
 }
 
 void LinuxChild::signal(int number) {

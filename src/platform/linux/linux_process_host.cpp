@@ -1,13 +1,13 @@
 #include "platform/linux/linux_process_host.h"
 
 #include <poll.h>
-#include <sys/pidfd.h>
 
 #include <charconv>
 
 #include "base/unique_fd.h"
 #include "platform/linux/glib_main_loop.h"
 #include "platform/linux/linux_child.h"
+#include "platform/linux/pidfd.h"
 #include "platform/linux/process_identity.h"
 
 namespace vesko {
