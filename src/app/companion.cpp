@@ -1,0 +1,112 @@
+#include "app/companion.h"
+
+#include <iterator>
+#include <utility>
+
+#include "control_server/tool_routes.h"
+
+namespace vesko {
+
+/// Answers what the daemon asks of the application.
+class Companion::Requests : public DaemonRequests {
+ public:
+  Requests(AppState& state, AppLog& log) : DaemonRequests(log), state_(state) {}
+
+  // The daemon alone holds the device's token; that it is connected is what there is to know of it.
+  void confirmPairing(const std::string&) override { state_.hasDeviceToken.set(true); }
+
+ private:
+  AppState& state_;
+};
+
+Companion::Companion(Platform platform, ProcessIdentity identity)
+    : platform_(platform),
+      identity_(std::move(identity)),
+      log_(identity_.directories.logs),
+      defaults_(identity_.directories.defaultsFile),
+      state_(defaults_),
+      killer_(platform_.loop, log_),
+      imports_(state_, log_),
+      requests_(std::make_unique<Requests>(state_, log_)),
+      supervisor_(
+          {.state = state_,
+           .log = log_,
+           .loop = platform_.loop,
+           .processes = platform_.processes,
+           .killer = killer_,
+           .bundle = identity_.bundle,
+           .launchInputs =
+               [this](std::optional<std::string> code) { return launchInputs(std::move(code)); }}),
+      lines_(state_, log_, platform_.loop, supervisor_, imports_, *requests_),
+      inputControl_(platform_.input, platform_.pasteboard),
+      screenRecording_(platform_.permissions),
+      screenCapture_(platform_.screen, screenRecording_) {
+  supervisor_.setObserver(lines_);
+}
+
+Companion::~Companion() = default;
+
+bool Companion::start() {
+  const auto lock = instance_.acquire(identity_.directories.state);
+  if (lock == InstanceLock::Outcome::taken) return false;
+  if (lock == InstanceLock::Outcome::unavailable)
+    log_.write("ERROR state directory cannot be used; other instances go unnoticed");
+  if (defaults_.loadProblem()) log_.write("ERROR " + *defaults_.loadProblem());
+
+  supervisor_.killStrayDaemons(identity_.processId);
+  startControlServer();
+  supervisor_.launchDaemon(std::nullopt);
+  return true;
+}
+
+void Companion::startControlServer() {
+  std::vector<Route> routes = coreRoutes(platform_.permissions);
+  for (auto more : {captureRoutes(screenCapture_), inputRoutes(inputControl_)})
+    routes.insert(routes.end(), std::make_move_iterator(more.begin()),
+                  std::make_move_iterator(more.end()));
+  auto server = ControlServer::create(std::move(routes), platform_.permissions);
+  if (!server) {
+    log_.write("ERROR control server could not start: " + std::string(describe(server.error())));
+    return;
+  }
+  controlServer_ = std::move(*server);
+  controlServer_->onReady = [this](std::string handshake) {
+    platform_.loop.post([this, handshake = std::move(handshake)]() mutable {
+      assertMainThread();
+      lines_.controlServerReady(std::move(handshake));
+    });
+  };
+  controlServer_->onFailure = [this](std::string message) {
+    platform_.loop.post([this, message = std::move(message)] {
+      assertMainThread();
+      log_.write("ERROR control server failed: " + message);
+      lines_.controlServerGone();
+    });
+  };
+  controlServer_->start();
+}
+
+void Companion::terminate(Closure done) {
+  supervisor_.cancelRestart();
+  supervisor_.stopDaemon();
+  if (controlServer_) controlServer_->stop();
+  killer_.whenIdle(std::move(done));
+}
+
+DaemonLaunchInputs Companion::launchInputs(std::optional<std::string> pairingCode) const {
+  return {.ownEnvironment = identity_.environment,
+          .bundle = identity_.bundle,
+          .directories = identity_.directories,
+          .executable = identity_.executable,
+          .processId = identity_.processId,
+          .relayUrlDefault = defaults_.text(defaultsKeys::relayUrl),
+          .computerName = platform_.hostNames.computerName(),
+          .hostName = platform_.hostNames.hostName(),
+          .pairingCode = std::move(pairingCode),
+          .grants = {.contacts = state_.contactsGranted.get(),
+                     .contactsFile = std::nullopt,
+                     .folders = state_.grantedFolders.get(),
+                     .photosLibrary = std::nullopt}};
+}
+
+}  // namespace vesko

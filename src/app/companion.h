@@ -1,0 +1,86 @@
+// The application itself: constructs what the rooms offer, in the order they need each other, and
+// starts and ends it. Main thread.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "app/instance_lock.h"
+#include "base/bundle.h"
+#include "base/directories.h"
+#include "base/main_loop.h"
+#include "control_server/control_server.h"
+#include "platform/host_names.h"
+#include "platform/input_events.h"
+#include "platform/pasteboard.h"
+#include "platform/permissions.h"
+#include "platform/process_host.h"
+#include "platform/screen_source.h"
+#include "state/control_lines.h"
+#include "state/daemon_supervisor.h"
+#include "tools/input_control.h"
+#include "tools/screen_capture.h"
+#include "tools/screen_recording_state.h"
+
+namespace vesko {
+
+/// The desktop's services. All of them outlive the application.
+struct Platform {
+  MainLoop& loop;
+  ProcessHost& processes;
+  HostNames& hostNames;
+  PermissionProbes& permissions;
+  InputEvents& input;
+  Pasteboard& pasteboard;
+  ScreenSource& screen;
+};
+
+/// Who and where this process is.
+struct ProcessIdentity {
+  Bundle bundle;
+  Directories directories;
+  std::filesystem::path executable;
+  Environment environment;
+  pid_t processId;
+};
+
+class Companion {
+ public:
+  Companion(Platform platform, ProcessIdentity identity);
+  ~Companion();
+
+  /// False when another instance already runs; nothing was started then.
+  bool start() VESKO_REQUIRES(mainThread);
+
+  /// Stops the daemon and the control server and calls `done` once the daemon has ended: at its own
+  /// pace, or killed after the grace time. Once.
+  void terminate(Closure done) VESKO_REQUIRES(mainThread);
+
+  const AppState& state() const { return state_; }
+
+ private:
+  class Requests;
+
+  void startControlServer() VESKO_REQUIRES(mainThread);
+  DaemonLaunchInputs launchInputs(std::optional<std::string> pairingCode) const;
+
+  Platform platform_;
+  ProcessIdentity identity_;
+  InstanceLock instance_;
+  AppLog log_;
+  UserDefaults defaults_;
+  AppState state_;
+  ProcessKiller killer_;
+  ImportStatus imports_;
+  std::unique_ptr<Requests> requests_;
+  DaemonSupervisor supervisor_;
+  ControlLines lines_;
+  InputControl inputControl_;
+  ScreenRecordingProcessState screenRecording_;
+  ScreenCaptureService screenCapture_;
+  // Last: its workers use the tools above until it is gone.
+  std::unique_ptr<ControlServer> controlServer_;
+};
+
+}  // namespace vesko
