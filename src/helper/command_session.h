@@ -1,0 +1,103 @@
+// One run of veskoctl: what was asked, where the helper is, and how results and errors come out.
+// One thread.
+#pragma once
+
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/json.h"
+#include "helper/command_line.h"
+#include "helper/local_client.h"
+
+namespace vesko {
+
+enum ExitCode {
+  exitOk = 0,
+  exitFailed = 1,
+  exitUsage = 2,
+  exitUnreachable = 3,
+  exitPermissionMissing = 4,
+};
+
+/// The desktop's store of the user's consents, in the words that are shown and typed.
+class ConsentEditor {
+ public:
+  struct Entry {
+    std::string consent;
+    std::string state;
+  };
+
+  virtual ~ConsentEditor() = default;
+  virtual std::vector<Entry> list() = 0;
+  /// Why the stored answers do not count; empty when they do.
+  virtual std::string problem() = 0;
+  /// `state` is one of the words that list() shows.
+  virtual std::expected<void, std::string> set(std::string_view consent,
+                                               std::string_view state) = 0;
+};
+
+struct CommandEnvironment {
+  std::string version;
+  /// Where the helper's socket may be, in the order of looking; used unless --socket names one.
+  std::vector<std::filesystem::path> sockets;
+  /// Opens the consents of a state directory; empty on a desktop that keeps them itself.
+  std::function<std::unique_ptr<ConsentEditor>(const std::filesystem::path& stateDirectory)>
+      consents;
+};
+
+/// The status word that a consent takes when it is granted or taken back.
+inline constexpr std::string_view consentGranted = "granted";
+inline constexpr std::string_view consentDenied = "denied";
+inline constexpr std::string_view consentUndetermined = "not_determined";
+
+class CommandSession {
+ public:
+  CommandSession(const Invocation& invocation, const CommandEnvironment& environment)
+      : invocation_(invocation), environment_(environment), json_(invocation.has("json")) {}
+
+  const Invocation& invocation() const { return invocation_; }
+  const std::string& argument(std::size_t index) const { return invocation_.arguments[index]; }
+  bool json() const { return json_; }
+
+  /// The answer's body of a call that succeeded; otherwise the exit code, with everything said.
+  std::expected<json::Value, int> call(const std::string& method, const std::string& path,
+                                       std::optional<json::Value> body = std::nullopt);
+  std::expected<json::Value, int> helperStatus();
+
+  /// A command whose only result is that it was done.
+  int perform(const std::string& path, json::Object body);
+
+  /// "-" stands for standard input.
+  std::expected<std::string, int> textArgument(std::size_t index);
+  std::expected<double, int> numberArgument(std::size_t index);
+
+  /// The consents beside the helper's socket.
+  std::expected<std::unique_ptr<ConsentEditor>, int> consents();
+
+  /// Writes to standard output; the exit code says whether all of it went out.
+  int print(std::string_view text);
+  int printJson(const json::Value& value);
+
+  int usageError(std::string_view message);
+  int fail(ExitCode exit, std::string_view code, std::string_view message,
+           json::Object details = {});
+
+ private:
+  std::expected<LocalClient*, int> client();
+  std::expected<json::Value, int> accept(std::expected<LocalAnswer, LocalClientError> answer);
+  std::expected<std::chrono::milliseconds, int> timeout();
+  std::vector<std::filesystem::path> sockets() const;
+
+  const Invocation& invocation_;
+  const CommandEnvironment& environment_;
+  bool json_;
+  std::optional<LocalClient> client_;
+};
+
+}  // namespace vesko

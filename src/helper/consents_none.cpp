@@ -1,0 +1,9 @@
+#include "helper/consents.h"
+
+namespace vesko {
+
+decltype(CommandEnvironment::consents) desktopConsents() {
+  return {};
+}
+
+}  // namespace vesko
