@@ -1,1 +1,0 @@
-// Empty until the room has its first source.

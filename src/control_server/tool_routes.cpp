@@ -1,0 +1,66 @@
+#include "control_server/tool_routes.h"
+
+namespace vesko {
+namespace {
+
+HTTPResponse inputFailure(const InputControl::ControlError& error) {
+  return errorResponse(400, error.message());
+}
+
+HTTPResponse invalidCaptureResponse() {
+  return errorResponse(400, "invalid capture request");
+}
+
+HTTPResponse captureFailure(const CaptureError& error) {
+  switch (error.kind) {
+    case CaptureError::Kind::invalidRequest:
+      return invalidCaptureResponse();
+    case CaptureError::Kind::permissionDenied:
+      return permissionResponse("screen_recording");
+    default:
+      return errorResponse(500, error.message);
+  }
+}
+
+template <class Request, class Response>
+Route inputRoute(std::string_view path, InputControl& input,
+                 std::expected<Response, InputControl::ControlError> (InputControl::*operation)(
+                     const Request&)) {
+  return toolRoute<Request>(
+      "POST", path, Precondition::accessibility,
+      [&input, operation](const Request& request) { return (input.*operation)(request); },
+      inputFailure);
+}
+
+}  // namespace
+
+std::vector<Route> inputRoutes(InputControl& input) {
+  return {
+      inputRoute("/input/move", input, &InputControl::move),
+      inputRoute("/input/click", input, &InputControl::click),
+      inputRoute("/input/drag", input, &InputControl::drag),
+      inputRoute("/input/scroll", input, &InputControl::scroll),
+      inputRoute("/input/type", input, &InputControl::type),
+      inputRoute("/input/key", input, &InputControl::key),
+      inputRoute("/input/hotkey", input, &InputControl::hotkey),
+      toolRoute<NoBody>(
+          "POST", "/clipboard/get", Precondition::accessibility,
+          [&input](const NoBody&) { return input.clipboardGet(); }, inputFailure),
+      inputRoute("/clipboard/set", input, &InputControl::clipboardSet),
+  };
+}
+
+std::vector<Route> captureRoutes(ScreenCaptureService& capture) {
+  return {
+      toolRoute<NoBody>(
+          "POST", "/displays", Precondition::none,
+          [&capture](const NoBody&) { return capture.listDisplays(); }, captureFailure),
+      // The tool keeps the gate itself: a permission that came after the start does not count.
+      toolRoute<CaptureRequest>(
+          "POST", "/capture", Precondition::none,
+          [&capture](const CaptureRequest& request) { return capture.capture(request); },
+          captureFailure, invalidCaptureResponse),
+  };
+}
+
+}  // namespace vesko

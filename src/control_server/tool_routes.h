@@ -1,0 +1,18 @@
+// The routes of the tools: which path calls which operation, and how its failures are answered.
+#pragma once
+
+#include <vector>
+
+#include "control_server/router.h"
+#include "tools/input_control.h"
+#include "tools/screen_capture.h"
+
+namespace vesko {
+
+/// POST /input/... and /clipboard/...; `input` outlives the routes.
+std::vector<Route> inputRoutes(InputControl& input);
+
+/// POST /displays and /capture; `capture` outlives the routes.
+std::vector<Route> captureRoutes(ScreenCaptureService& capture);
+
+}  // namespace vesko
