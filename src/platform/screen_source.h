@@ -13,7 +13,7 @@ namespace vesko {
 
 struct ScreenDisplay {
   std::uint32_t id = 0;  ///< stable while the display stays connected
-  Rect bounds;           ///< global points
+  Rect bounds = {};      ///< global points
   int pixelsWide = 0;
   int pixelsHigh = 0;
   bool primary = false;
@@ -22,13 +22,13 @@ struct ScreenDisplay {
 /// One screen as windows see it: where it lies in the space of window frames, and how many pixels
 /// it gives them for a point.
 struct BackingScreen {
-  Rect frame;
+  Rect frame = {};
   double scale = 1;
 };
 
 struct BackingScreens {
-  std::vector<BackingScreen> all;
-  std::optional<double> mainScale;
+  std::vector<BackingScreen> all = {};
+  std::optional<double> mainScale = {};
 };
 
 enum class ScreenSourceError {

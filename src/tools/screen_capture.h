@@ -22,10 +22,10 @@ struct CaptureRequest {
   enum class Target { display, window, region };
 
   Target target = Target::display;
-  std::optional<std::string> displayID;  ///< decimal; the main display when absent
-  std::optional<std::int64_t> windowID;
-  std::optional<Rect> rect;  ///< points from the top left corner of the display
-  std::optional<std::int64_t> maxDimension;
+  std::optional<std::string> displayID = {};  ///< decimal; the main display when absent
+  std::optional<std::int64_t> windowID = {};
+  std::optional<Rect> rect = {};  ///< points from the top left corner of the display
+  std::optional<std::int64_t> maxDimension = {};
 
   static constexpr auto jsonFields() {
     return std::tuple{json::field("target", &CaptureRequest::target),
