@@ -48,7 +48,11 @@ class PropertyList {
   /// The entry of a dictionary; null when this is none or lacks it.
   const PropertyList* find(std::string_view key) const;
 
+  /// The error is a short description that never quotes the input. Integers beyond 64 bits signed
+  /// become the type that stands for unused ones; of a repeated key the last entry counts.
   static std::expected<PropertyList, std::string> parse(std::string_view bytes);
+  /// Keys and texts are UTF-8; what XML cannot express in them becomes U+FFFD. Empty for a list of
+  /// an unused type.
   std::string toXml() const;
 
   bool operator==(const PropertyList&) const = default;
