@@ -108,7 +108,7 @@ std::string ConsentStore::problem() {
 }
 
 std::expected<void, std::string> ConsentStore::set(Consent consent, ConsentState state) {
-  const MutexLock lock(mutex_);
+  // Without the mutex: probes need not wait for the disk or for another process's turn.
   if (auto made = createDirectories(file_.parent_path(), 0700); !made)
     return std::unexpected(made.error().message());
   const auto turn = lockBeside(file_);
