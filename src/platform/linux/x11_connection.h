@@ -31,6 +31,10 @@ class X11Connection {
   xcb_connection_t* get();
   unsigned generation() const { return generation_; }
 
+  /// The same connection as the last get() returned, broken or not: for the rest of a request that
+  /// must not find itself on another one half way.
+  xcb_connection_t* current() const { return connection_; }
+
   /// Valid after get() returned a connection.
   xcb_screen_t* screen() const { return screen_; }
   xcb_window_t root() const { return screen_->root; }

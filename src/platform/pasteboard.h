@@ -1,0 +1,22 @@
+// The session's general clipboard, as text.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vesko {
+
+/// Any thread. Both calls wait for the desktop with a bound of a few seconds.
+class Pasteboard {
+ public:
+  virtual ~Pasteboard() = default;
+
+  /// Valid UTF-8; nothing when the clipboard holds no text or its owner does not deliver it.
+  virtual std::optional<std::string> text() = 0;
+
+  /// Replaces the contents with `text`, which is valid UTF-8. False when the desktop refused.
+  [[nodiscard]] virtual bool setText(std::string_view text) = 0;
+};
+
+}  // namespace vesko
