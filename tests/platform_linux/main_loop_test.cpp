@@ -89,6 +89,7 @@ TEST(GlibMainLoop, firesTimersInTheOrderOfTheirTimes) {
 TEST(GlibMainLoop, cancelsTimersInsideTheirCallbacks) {
   GlibMainLoop loop;
   std::string trace;
+  const Timer far = loop.after(24h, [&] { trace += "far"; });
   Timer own;
   Timer other;
   std::optional<Timer> made;

@@ -305,12 +305,20 @@ TEST_F(LinuxProcessHostTest, reapsChildrenThatNobodyHolds) {
 }
 
 TEST_F(LinuxProcessHostTest, worksWithoutStandardStreamsOfItsOwn) {
-  const UniqueFd saved(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
-  ASSERT_TRUE(saved);
+  const UniqueFd input(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
+  const UniqueFd output(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 100));
+  ASSERT_TRUE(input && output);
   ::close(STDIN_FILENO);
+  ::close(STDOUT_FILENO);
   const auto child = launch("inherit");
-  EXPECT_TRUE(ended(*child));
-  ASSERT_EQ(::dup2(saved.get(), STDIN_FILENO), STDIN_FILENO);
+  // What this process prints must not go to the child.
+  struct stat taken{};
+  const bool pipe = ::fstat(STDOUT_FILENO, &taken) == 0 && S_ISFIFO(taken.st_mode);
+  const bool over = ended(*child);
+  ASSERT_EQ(::dup2(input.get(), STDIN_FILENO), STDIN_FILENO);
+  ASSERT_EQ(::dup2(output.get(), STDOUT_FILENO), STDOUT_FILENO);
+  EXPECT_TRUE(over);
+  EXPECT_FALSE(pipe);
   EXPECT_NE(child->output.find("descriptors 0 1 2\none pipe"), std::string::npos);
 }
 

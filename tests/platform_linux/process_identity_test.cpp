@@ -62,19 +62,20 @@ TEST_F(ProcessIdentity, aScriptIsTheProgramWhereItsInterpreterLineStartedIt) {
 }
 
 TEST_F(ProcessIdentity, aProgramThatNamesAScriptIsNotThatScript) {
-  const auto target = script("daemon", "#!/bin/sh\necho ready\nread line\n");
+  const auto target = script("daemon", "#!/bin/bash\necho ready\nread line\n");
   const Environment environment{{"PATH", std::getenv("PATH")}, {"TARGET", target}};
   const struct {
     const char* command;
     const char* program;
   } cases[] = {
-      {"exec cat \"$TARGET\" -", "cat"},     // a viewer or an editor
+      {"exec cat \"$TARGET\" -", "cat"},  // a viewer or an editor
+      {"exec -a /bin/bash cat \"$TARGET\" -", "cat"},
       {"exec bash +e \"$TARGET\"", "bash"},  // not how the line starts it
       {"exec bash -c 'echo ready; read line' \"$TARGET\"", "bash"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
-    const auto starter = script("starter", "#!/bin/sh\n" + std::string(c.command) + "\n");
+    const auto starter = script("starter", "#!/bin/bash\n" + std::string(c.command) + "\n");
     const auto child = launch(starter, environment);
     ASSERT_TRUE(says(*child, "ready"));
     const auto identity = identityOf(*child);

@@ -34,8 +34,8 @@ struct Pipe {
   UniqueFd writer;
 };
 
-// Both ends lie above the standard streams: in a process that runs without some of those, a pipe
-// would take their numbers and the child's set-up would overwrite one end with another.
+// Both ends lie above the standard streams: in a process that runs without some of those, what it
+// prints would otherwise reach the child.
 std::expected<Pipe, int> makePipe() {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return std::unexpected(errno);
