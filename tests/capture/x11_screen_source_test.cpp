@@ -5,6 +5,7 @@
 #include <xcb/res.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -29,6 +30,14 @@ std::uint32_t pattern(int x, int y) {
 }
 std::uint32_t otherPattern(int x, int y) {
   return pattern(y + 7, x) ^ 0xFFFFFFU;
+}
+
+/// Mappings of this process that a server may share.
+int sharedSegments() {
+  std::ifstream maps("/proc/self/maps");
+  int count = 0;
+  for (std::string line; std::getline(maps, line);) count += line.contains("memfd:capture") ? 1 : 0;
+  return count;
 }
 
 class X11Test : public testing::Test {
@@ -343,19 +352,41 @@ TEST_F(X11Test, LeavesNothingBehind) {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                          std::filesystem::directory_iterator());
   };
-  const auto segments = [] {
-    std::ifstream maps("/proc/self/maps");
-    int count = 0;
-    for (std::string line; std::getline(maps, line);) count += line.contains("memfd:capture");
-    return count;
-  };
   captureBoth();
   const auto resourcesBefore = resources();
   const auto descriptorsBefore = descriptors();
   for (int round = 0; round < 200; ++round) captureBoth();
   EXPECT_EQ(resources(), resourcesBefore);
   EXPECT_EQ(descriptors(), descriptorsBefore);
-  EXPECT_EQ(segments(), 0);
+  EXPECT_EQ(sharedSegments(), 1);
+}
+
+TEST_F(X11Test, ReleasesItsMemoryWhenIdle) {
+  using namespace std::chrono_literals;
+  X11ScreenSource source(1ms);
+  const std::uint32_t display = source.displays()->front().id;
+  for (int round = 0; round < 5; ++round) {
+    auto image = source.captureDisplay(display, {0, 0, 640, 480}, {640, 480});
+    ASSERT_TRUE(image);
+    EXPECT_GE(sharedSegments(), 1);
+    // The image keeps its pixels, whatever is released meanwhile.
+    EXPECT_TRUE(source.captureDisplay(display, {0, 0, 64, 48}, {64, 48}));
+    EXPECT_EQ(image->row(479)[639] & 0xFF000000, image->row(0)[0] & 0xFF000000);
+    image = std::unexpected(ScreenSourceError::failed);
+    const auto bound = std::chrono::steady_clock::now() + 20s;
+    while (sharedSegments() > 0 && std::chrono::steady_clock::now() < bound)
+      std::this_thread::yield();
+    ASSERT_EQ(sharedSegments(), 0);
+  }
+}
+
+TEST_F(X11Test, AnImageKeepsItsPixelsDuringLaterCaptures) {
+  const PaintedWindow window({.x = 300, .y = 100}, pattern);
+  const PaintedWindow other({.x = 500, .y = 100}, otherPattern);
+  const auto first = captureWindow(window);
+  const auto second = captureWindow(other);
+  expectShows(first, window);
+  expectShows(second, other);
 }
 
 TEST_F(X11Test, SurvivesTheServer) {

