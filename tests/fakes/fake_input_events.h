@@ -2,14 +2,14 @@
 // keys that are down and the text typed into it, and the list of all events.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <limits>
-#include <map>
 #include <optional>
 #include <set>
 #include <span>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include "base/mutex.h"

@@ -1,6 +1,7 @@
 // Text and keys typed into real GTK, Qt and xterm windows.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 #include "base/utf8.h"
 #include "desktop.h"
@@ -103,6 +105,21 @@ TEST_P(ToolkitTest, ApplicationThatIsStoppedGetsItsTextLater) {
   ASSERT_TRUE(type("日本語!"));
   program.signal(SIGCONT);
   expectText(program, mixed + "日本語!");
+}
+
+TEST_P(ToolkitTest, KeysAreNotUsedAnewBeforeAStoppedApplicationReadThem) {
+  const std::string before = outputOf({"xmodmap", "-pke"});
+  Program program(command());
+  ASSERT_TRUE(program.waitReady());
+  program.signal(SIGSTOP);
+  bool typed = false;
+  std::thread typing([&] { typed = type(manyCharacters()); });
+  // The first batch is in place, the second needs the same keys.
+  EXPECT_TRUE(test::eventually([&] { return outputOf({"xmodmap", "-pke"}) != before; }));
+  program.signal(SIGCONT);
+  typing.join();
+  EXPECT_TRUE(typed);
+  expectText(program, manyCharacters());
 }
 
 TEST_P(ToolkitTest, PasteLeavesItsTextOnTheClipboard) {
@@ -213,6 +230,27 @@ TEST_F(TypingTest, KeymapIsAsBeforeOnceTheServiceIsGone) {
     ASSERT_TRUE(control.type({mixed, {}}).has_value());
     EXPECT_NE(outputOf({"xmodmap", "-pke"}), before);
     expectText(program, mixed);
+  }
+  EXPECT_EQ(outputOf({"xmodmap", "-pke"}), before);
+}
+
+TEST_F(TypingTest, KeysThatACrashLeftBehindAreTakenOver) {
+  const std::string before = outputOf({"xmodmap", "-pke"});
+  const pid_t child = ::fork();
+  if (child == 0) {
+    // No destructor runs, as in a crash.
+    XTestInput dying;
+    InputControl control(dying, pasteboard);
+    ::_exit(control.type({"日本語", {}}).has_value() ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_EQ(status, 0);
+  ASSERT_NE(outputOf({"xmodmap", "-pke"}), before);
+  {
+    XTestInput next;
+    InputControl control(next, pasteboard);
+    ASSERT_TRUE(control.type({"é", {}}).has_value());
   }
   EXPECT_EQ(outputOf({"xmodmap", "-pke"}), before);
 }

@@ -16,8 +16,11 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-/// How long an application may keep its events before a place is needed that it may still read.
-constexpr auto settleBound = 3s;
+/// How long an application may take to get to its events when a place is needed that they use. Long
+/// enough for a slow one that works through a long text on a busy machine.
+constexpr auto settleBound = 10s;
+/// The same when this object ends.
+constexpr auto farewellBound = 500ms;
 /// The same for applications that do not tell: they get this long after the last key.
 constexpr auto blindSettle = 300ms;
 constexpr std::uint8_t twoLevels = 1;  // the index of the type TWO_LEVEL is fixed by the protocol
@@ -53,7 +56,8 @@ X11BorrowedKeys::~X11BorrowedKeys() {
 }
 
 void X11BorrowedKeys::giveBack() {
-  settleUses();
+  // Whoever comes next takes the keys over; nobody loses text for the sake of tidiness.
+  if (!settleUses(farewellBound)) return;
   places_.clear();
   writeMapping();
   xcb_delete_property(x11_.current(), x11_.root(), x11_.atom("VESKO_BORROWED_KEYS"));
@@ -152,10 +156,10 @@ void X11BorrowedKeys::usedIn(xcb_window_t window) {
   usedIn_[window] = Clock::now();
 }
 
-bool X11BorrowedKeys::settleUses() {
+bool X11BorrowedKeys::settleUses(std::chrono::milliseconds bound) {
   while (!usedIn_.empty()) {
     const auto [window, lastKey] = *usedIn_.begin();
-    switch (ping(x11_, window, settleBound)) {
+    switch (ping(x11_, window, bound)) {
       case PingResult::timedOut:
         return false;
       case PingResult::unsupported:
@@ -185,7 +189,7 @@ bool X11BorrowedKeys::place(std::span<const xkb_keysym_t> symbols) {
   const std::span chosen = std::span(byUse).first(missing.size());
   const bool reused = std::ranges::any_of(
       chosen, [](const Place* place) { return place->symbol != XKB_KEY_NoSymbol; });
-  if (reused && !settleUses()) return false;
+  if (reused && !settleUses(settleBound)) return false;
   for (std::size_t i = 0; i < missing.size(); ++i) {
     chosen[i]->symbol = missing[i];
     chosen[i]->lastUse = ++clock_;

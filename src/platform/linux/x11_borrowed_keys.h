@@ -30,7 +30,7 @@ class X11BorrowedKeys {
   explicit X11BorrowedKeys(X11Connection& x11) : x11_(x11) {}
   X11BorrowedKeys(const X11BorrowedKeys&) = delete;
   X11BorrowedKeys& operator=(const X11BorrowedKeys&) = delete;
-  /// Gives the keys back.
+  /// Gives the keys back, unless an application still has to read them.
   ~X11BorrowedKeys();
 
   const std::set<xcb_keycode_t>& keycodes() const { return keycodes_; }
@@ -67,7 +67,7 @@ class X11BorrowedKeys {
 
   bool borrow();
   void giveBack();
-  bool settleUses();
+  bool settleUses(std::chrono::milliseconds bound);
   bool writeMapping();
   LevelType levelType() const;
   void rememberOnRoot();
