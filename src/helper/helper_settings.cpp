@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "base/text.h"
+#include "base/unique_fd.h"
 
 namespace vesko {
 namespace {
@@ -27,10 +28,8 @@ std::expected<HelperSettings, std::string> HelperSettings::fromEnvironment() {
   if (settings.stateDirectory.empty())
     return std::unexpected("VESKOKIT_STATE_DIR is not set; it names the state directory");
   const char* path = settings.stateDirectory.c_str();
-  std::error_code error;
-  if (!std::filesystem::is_directory(settings.stateDirectory, error))
-    return std::unexpected(fmt::format("the state directory {} does not exist", path));
-  if (::faccessat(AT_FDCWD, path, R_OK | W_OK | X_OK, AT_EACCESS) != 0)
+  const UniqueFd directory(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory || ::faccessat(AT_FDCWD, path, R_OK | W_OK | X_OK, AT_EACCESS) != 0)
     return std::unexpected(
         fmt::format("the state directory {} cannot be used: {}", path, std::strerror(errno)));
 

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace vesko {
 namespace {
 
@@ -35,19 +37,21 @@ json::Value usableId(const json::Value& message) {
   return id && (id->asDouble() || id->asString()) ? *id : json::Value();
 }
 
-std::string answerLine(const json::Value& id, const HttpResponse& response) {
-  const auto body = json::parse(response.body);
-  if (!body)
+std::string answerLine(const json::Value& id, HttpResponse response) {
+  if (!json::parse(response.body))
     return LocalRequests::errorLine(id, LocalErrorCode::badAnswer,
                                     "the control server's answer is not JSON");
+  // A picture's megabytes go on as they came. A line end can only be white space between tokens,
+  // since texts hold theirs escaped.
+  std::ranges::replace(response.body, '\n', ' ');
   std::string line;
-  line.reserve(response.body.size() + 64);
+  line.reserve(response.body.size() + 128);
   json::Writer writer(line);
   beginAnswer(writer, id, true);
   writer.key("status");
   writer.value(std::int64_t{response.status});
   writer.key("body");
-  writer.value(*body);
+  line += response.body;
   writer.endObject();
   return line;
 }
@@ -116,7 +120,7 @@ LocalServer::Work LocalRequests::call(const LocalRequest& request) {
         std::chrono::duration<double>(*request.timeout));
   return [this, id = request.id, endpoint = *endpoint, http = std::move(http), deadlines] {
     auto answer = client_.call(endpoint, http, deadlines, cancelFd_);
-    if (answer) return answerLine(id, *answer);
+    if (answer) return answerLine(id, std::move(*answer));
     if (answer.error().kind == ControlCallError::Kind::untrusted)
       reporter_.log("refused a control server with a certificate that was not announced");
     return errorLine(id, codeOf(answer.error().kind), std::move(answer.error().message));

@@ -157,11 +157,11 @@ TEST_F(HelperProcessTest, RefusesToStartWithoutAUsableEnvironment) {
     const char* message;
   } cases[] = {
       {"no variable", {.stateDirectory = ""}, "VESKOKIT_STATE_DIR is not set"},
-      {"no directory", {.stateDirectory = state() / "absent"}, "does not exist"},
+      {"no directory", {.stateDirectory = state() / "absent"}, "cannot be used: No such file"},
       {"read-only",
        {.stateDirectory = state() / "locked",
         .user = root ? std::optional<uid_t>(65534) : std::nullopt},
-       "cannot be used"},
+       "cannot be used: Permission denied"},
       {"unreadable identity", {.stateDirectory = state() / "blocked"}, "cannot read"},
       {"bad parent",
        {.stateDirectory = state(), .variables = {{"VESKOKIT_PARENT_PID", "12x"}}},
@@ -337,8 +337,8 @@ TEST_F(HelperProcessTest, CallsTheLatestControlServerThatWasAnnounced) {
     helper.send(server->announcement());
     helper.waitFor("control server announced");
     EXPECT_EQ(client.ask(call),
-              std::string(R"({"id":"x","ok":true,"status":200,"body":{"server":")") +
-                  (server == &first ? "first" : "second") + "\"}}");
+              std::string(R"({"id":"x","ok":true,"status":200,"body":{  "server": ")") +
+                  (server == &first ? "first" : "second") + "\" }}");
     EXPECT_TRUE(server->requests().at(0).ends_with("\r\n\r\n{\"k\":\"\xC3\xA4\"}"));
   }
   // What follows is refused, and the last good announcement stays.
