@@ -1,5 +1,6 @@
-// A child process that does what VESKO_CHILD names, with VESKO_CHILD_VALUE as its number. Where a
-// test must know that it got somewhere, it says so in a line on its standard output.
+// A child process that does what VESKO_CHILD names, with VESKO_CHILD_VALUE as its number. Before
+// and after that it says VESKO_CHILD_FIRST and VESKO_CHILD_LAST. Where a test must know that it got
+// somewhere, it says so in a line on its standard output.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -67,14 +68,34 @@ void reportInheritance() {
   say(report + "\n");
 }
 
-}  // namespace
+std::string_view variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
 
-int main() {
-  const char* name = std::getenv("VESKO_CHILD");
-  const std::string_view mode = name ? name : "";
-  const char* text = std::getenv("VESKO_CHILD_VALUE");
-  const long value = text ? std::strtol(text, nullptr, 10) : 0;
+int digitValue(char digit) {
+  return digit <= '9' ? digit - '0' : digit - 'a' + 10;
+}
 
+// Each line of the input that is not JSON names bytes in hexadecimal, which are written in one go.
+void writeNamedBytes() {
+  std::string line;
+  readInput([&line](std::string_view chunk) {
+    for (const char c : chunk) {
+      if (c != '\n') {
+        line += c;
+        continue;
+      }
+      std::string bytes;
+      for (std::size_t at = 0; !line.starts_with('{') && at + 1 < line.size(); at += 2)
+        bytes += static_cast<char>(digitValue(line[at]) * 16 + digitValue(line[at + 1]));
+      say(bytes);
+      line.clear();
+    }
+  });
+}
+
+int act(std::string_view mode, long value) {
   if (mode == "echo") {
     readInput(say);
   } else if (mode == "exit") {
@@ -104,6 +125,34 @@ int main() {
       return 0;
     }
     say(std::to_string(child) + "\n");
+  } else if (mode == "leave_idle_child") {
+    // It holds both pipes and looks at neither.
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::alarm(120);
+      for (;;) ::pause();
+    }
+    say(std::to_string(child) + "\n");
+    return static_cast<int>(value);
+  } else if (mode == "close_everything") {
+    ::close(STDIN_FILENO);
+    ::close(STDOUT_FILENO);
+    const std::string_view farewell = "closed\n";
+    if (::write(STDERR_FILENO, farewell.data(), farewell.size()) < 0) return 98;
+    ::close(STDERR_FILENO);
+    ::alarm(120);
+    for (;;) ::pause();
+  } else if (mode == "bite") {
+    // Ends in the middle of what it is being told.
+    std::string bitten(static_cast<std::size_t>(value), '\0');
+    for (std::size_t taken = 0; taken < bitten.size();) {
+      const ssize_t count = ::read(STDIN_FILENO, bitten.data(), bitten.size() - taken);
+      if (count <= 0) return 98;
+      taken += static_cast<std::size_t>(count);
+    }
+    return 5;
+  } else if (mode == "write_named_bytes") {
+    writeNamedBytes();
   } else if (mode == "digest") {
     // Reads nothing until it is told to, then says how much came and what.
     waitForSignal(SIGUSR1);
@@ -120,4 +169,14 @@ int main() {
     return 97;
   }
   return 0;
+}
+
+}  // namespace
+
+int main() {
+  const std::string value(variable("VESKO_CHILD_VALUE"));
+  say(variable("VESKO_CHILD_FIRST"));
+  const int status = act(variable("VESKO_CHILD"), std::strtol(value.c_str(), nullptr, 10));
+  say(variable("VESKO_CHILD_LAST"));
+  return status;
 }
