@@ -47,14 +47,12 @@ class ControlServer::Core {
                   .closed = [this](Connection& c) { connections_.erase(c.id()); }},
         workers_(options.maxWorkers) {}
 
-  ~Core() {
-    stop();
-    workers_.stop();
-  }
+  ~Core() { stop(); }
 
   void start(std::function<void(std::string)> ready, std::function<void(std::string)> failed) {
     onReady_ = std::move(ready);
     onFailure_ = std::move(failed);
+    if (cancelled()) return;
     asio::post(io_, [this] { openListener(); });
     thread_ = std::thread([this] { io_.run(); });
   }
@@ -67,6 +65,7 @@ class ControlServer::Core {
     if (!thread_.joinable()) return;
     asio::post(io_, [this] { shutDown(); });
     thread_.join();
+    workers_.cancel();
   }
 
   std::optional<std::uint16_t> readyPort() const VESKO_EXCLUDES(stateLock_) {

@@ -69,8 +69,8 @@ class ControlServer {
   /// Owner's thread, once.
   void start();
 
-  /// Owner's thread; terminal. Closes every connection without waiting for tool calls. No callback
-  /// follows its return.
+  /// Owner's thread; terminal. Closes every connection. Requests that wait for a worker are
+  /// dropped; tool calls under way are not waited for. No callback follows its return.
   void stop();
 
   /// Any thread. The port of the listener, nothing while there is none.

@@ -17,15 +17,16 @@ class WorkerPool {
   using Job = std::move_only_function<void()>;
 
   explicit WorkerPool(std::size_t maxThreads) : maxThreads_(maxThreads) {}
-  ~WorkerPool() { stop(); }
+  /// Cancels and waits for the jobs that have begun.
+  ~WorkerPool();
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
 
-  /// Any thread. Jobs begin in the order of posting. After stop() they are dropped.
+  /// Any thread. Jobs begin in the order of posting. After cancel() they are dropped.
   void post(Job job);
 
-  /// Drops the jobs that have not begun and waits for those that have. Not from a job.
-  void stop();
+  /// Any thread. Drops the jobs that have not begun; does not wait for those that have.
+  void cancel();
 
  private:
   void work();
@@ -36,7 +37,7 @@ class WorkerPool {
   std::deque<Job> jobs_;
   std::vector<std::thread> threads_;
   std::size_t idle_ = 0;
-  bool stopped_ = false;
+  bool cancelled_ = false;
 };
 
 }  // namespace vesko

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <latch>
 #include <memory>
 #include <string>
@@ -117,23 +118,28 @@ TEST(ControlServer, StopPreventsAPendingRestart) {
   EXPECT_TRUE(running.ready.empty());
 }
 
-TEST(ControlServer, StopClosesConnectionsAndDoesNotWaitForTools) {
+TEST(ControlServer, StopClosesConnectionsDropsQueuedRequestsAndDoesNotWaitForTools) {
   std::latch begun(1), release(1);
+  std::atomic<int> called = 0;
   const Route slow{"GET", "/slow", Precondition::none, [&](const HTTPRequest&) {
-                     begun.count_down();
+                     if (++called == 1) begun.count_down();
                      release.wait();
                      return HTTPResponse{200, "{}", {}};
                    }};
-  RunningServer running({}, {slow});
-  TlsClient waiting(running.port), silent(running.port);
-  waiting.send(running.request("GET", "/slow"));
-  begun.wait();
-  running.server->stop();
-  EXPECT_EQ(waiting.readAll(), "");
-  EXPECT_EQ(silent.readAll(), "");
-  EXPECT_FALSE(connectLoopback(running.port));
-  running.server->stop();
-  release.count_down();
+  {
+    RunningServer running({.maxWorkers = 1}, {slow});
+    TlsClient waiting(running.port), silent(running.port), queued(running.port);
+    waiting.send(running.request("GET", "/slow"));
+    begun.wait();
+    queued.send(running.request("GET", "/slow"));
+    EXPECT_EQ(running.ask("GET", "/healthz"), healthy);  // the queued one was met before this
+    running.server->stop();
+    EXPECT_EQ(waiting.readAll() + silent.readAll() + queued.readAll(), "");
+    EXPECT_FALSE(connectLoopback(running.port));
+    running.server->stop();
+    release.count_down();
+  }
+  EXPECT_EQ(called, 1);
 }
 
 TEST(ControlServer, IsDestroyedWithoutHavingBeenStarted) {
