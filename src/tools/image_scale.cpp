@@ -17,7 +17,7 @@ using Bytes = std::uint8_t __attribute__((vector_size(4)));
 
 // A second version of a loop for wider vectors, chosen at run time. It computes the same bits, as
 // nothing is fused. Such a function may only call what is inlined by force: Clang drops the others.
-#if defined(__x86_64__) && defined(__ELF__)
+#if defined(__x86_64__) && defined(__ELF__) && !defined(VESKO_PORTABLE_VECTORS)
 #define VESKO_WIDER_VECTORS __attribute__((target_clones("default", "avx2")))
 #else
 #define VESKO_WIDER_VECTORS

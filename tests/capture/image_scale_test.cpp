@@ -9,6 +9,10 @@
 #include "fakes/fake_screen_source.h"
 
 namespace vesko {
+
+// image_scale_portable.cpp
+std::optional<Image> scaleImagePortably(const Image& image, PixelSize size);
+
 namespace {
 
 using fakes::paintedImage;
@@ -89,6 +93,25 @@ TEST(ImageScaleTest, ColorsNeverExceedAlpha) {
     for (int x = 0; x < 251; ++x) {
       const std::uint32_t pixel = scaled->row(y)[x];
       for (const int shift : {16, 8, 0}) ASSERT_LE(channelOf(pixel, shift), pixel >> 24);
+    }
+  }
+}
+
+TEST(ImageScaleTest, EveryMachineComputesTheSame) {
+  std::mt19937 random(11);
+  for (const bool opaque : {true, false}) {
+    const Image noise = paintedImage({517, 301}, opaque, [&](int, int) {
+      const auto alpha = static_cast<std::uint32_t>(random() & 255);
+      const auto color = static_cast<std::uint32_t>(random() % (alpha + 1));
+      return alpha << 24 | color << 16 | color / 2 << 8 | color;
+    });
+    for (const PixelSize to : {PixelSize{431, 251}, PixelSize{100, 58}, PixelSize{3, 2}}) {
+      const auto here = scaleImage(noise, to);
+      const auto portable = scaleImagePortably(noise, to);
+      ASSERT_TRUE(here && portable);
+      for (int y = 0; y < to.height; ++y) {
+        for (int x = 0; x < to.width; ++x) ASSERT_EQ(here->row(y)[x], portable->row(y)[x]);
+      }
     }
   }
 }

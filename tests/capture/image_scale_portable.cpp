@@ -1,0 +1,4 @@
+// The same reduction without the wider vectors, to compare the two.
+#define VESKO_PORTABLE_VECTORS
+#define scaleImage scaleImagePortably
+#include "tools/image_scale.cpp"  // NOLINT(bugprone-suspicious-include)
