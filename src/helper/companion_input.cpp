@@ -50,17 +50,19 @@ void CompanionInput::announce(const json::Value& message) {
 
 void CompanionInput::command(std::string_view name, const json::Value& message) {
   if (name == "assistant_import_detect" || name == "assistant_import_start") {
-    // The companion's record wants a source; a detection, which is for all of them, has none.
-    const auto source = textOf(message, "source");
-    const bool detection = name == "assistant_import_detect";
-    reporter_.import({.state = "failed",
-                      .source = source == "hermes" ? "hermes" : "openclaw",
-                      .detectionComplete = !detection,
-                      .detectedSources = {},
-                      .error = "assistant import is not available in the local helper"});
+    AssistantImportStatus status;
+    status.state = AssistantImportState::failed;
+    // The record wants a source even where, as in a detection, there is none.
+    if (textOf(message, "source") == json::wordOf(AssistantImportSource::hermes))
+      status.source = AssistantImportSource::hermes;
+    status.detectionComplete = name == "assistant_import_start";
+    status.error = "assistant import is not available in the local helper";
+    reporter_.import(status);
   } else if (name == "history_export_start") {
-    reporter_.history(
-        {.state = "failed", .error = "history export is not available in the local helper"});
+    HistoryExportStatus status;
+    status.state = HistoryExportState::failed;
+    status.error = "history export is not available in the local helper";
+    reporter_.history(status);
   } else {
     unknown(name);
   }

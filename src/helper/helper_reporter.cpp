@@ -40,11 +40,11 @@ void HelperReporter::connected(std::string_view deviceId) {
   status("[veskokit-status] ", json::encode(PresenceReport{"connected", std::string(deviceId)}));
 }
 
-void HelperReporter::import(const ImportReport& report) {
+void HelperReporter::import(const AssistantImportStatus& report) {
   status("[veskokit:assistant-import] ", json::encode(report, json::Writer::Escaping::ascii));
 }
 
-void HelperReporter::history(const HistoryReport& report) {
+void HelperReporter::history(const HistoryExportStatus& report) {
   status("[veskokit:history] ", json::encode(report, json::Writer::Escaping::ascii));
 }
 

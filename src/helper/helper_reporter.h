@@ -7,65 +7,14 @@
 // Any thread.
 #pragma once
 
-#include <array>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <tuple>
-#include <vector>
 
-#include "base/json_record.h"
 #include "base/mutex.h"
+#include "state/status_records.h"
 
 namespace vesko {
-
-/// The companion's record of an assistant import, as this helper fills it.
-struct ImportReport {
-  std::string state;
-  std::string source;
-  std::int64_t pagesSent = 0, pagesTotal = 0, files = 0, bytes = 0, cronJobs = 0, redactions = 0,
-               skippedOversized = 0;
-  bool detectionComplete = false;
-  std::vector<json::Value> detectedSources;
-  std::optional<std::string> error;
-
-  static constexpr auto jsonFields() {
-    using R = ImportReport;
-    return std::tuple{json::field("state", &R::state),
-                      json::field("source", &R::source),
-                      json::field("pagesSent", &R::pagesSent),
-                      json::field("pagesTotal", &R::pagesTotal),
-                      json::field("files", &R::files),
-                      json::field("bytes", &R::bytes),
-                      json::field("cronJobs", &R::cronJobs),
-                      json::field("redactions", &R::redactions),
-                      json::field("skippedOversized", &R::skippedOversized),
-                      json::field("detectionComplete", &R::detectionComplete),
-                      json::field("detectedSources", &R::detectedSources),
-                      json::field("error", &R::error)};
-  }
-};
-
-/// The companion's record of a history export, as this helper fills it.
-struct HistoryReport {
-  std::string state;
-  std::int64_t pagesSent = 0, pagesTotal = 0, conversations = 0, messages = 0, chunksQueued = 0,
-               ignoredOldMessages = 0;
-  std::optional<std::string> error;
-
-  static constexpr auto jsonFields() {
-    using R = HistoryReport;
-    return std::tuple{json::field("state", &R::state),
-                      json::field("pagesSent", &R::pagesSent),
-                      json::field("pagesTotal", &R::pagesTotal),
-                      json::field("conversations", &R::conversations),
-                      json::field("messages", &R::messages),
-                      json::field("chunksQueued", &R::chunksQueued),
-                      json::field("ignoredOldMessages", &R::ignoredOldMessages),
-                      json::field("error", &R::error)};
-  }
-};
 
 class HelperReporter {
  public:
@@ -74,8 +23,8 @@ class HelperReporter {
 
   void connecting();
   void connected(std::string_view deviceId);
-  void import(const ImportReport& report);
-  void history(const HistoryReport& report);
+  void import(const AssistantImportStatus& report);
+  void history(const HistoryExportStatus& report);
 
   /// Dropped when the reader has left no room in the pipe: a log never holds the helper up.
   void log(std::string_view text);
