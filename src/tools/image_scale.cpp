@@ -1,6 +1,7 @@
 #include "tools/image_scale.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -13,6 +14,7 @@ namespace {
 
 // One pixel's four channels; the compiler maps them to the vector unit of any machine.
 using Channels = float __attribute__((vector_size(16)));
+static_assert(std::endian::native == std::endian::little, "channels are taken in memory order");
 using Bytes = std::uint8_t __attribute__((vector_size(4)));
 
 // A second version of a loop for wider vectors, chosen at run time. It computes the same bits, as
@@ -64,12 +66,32 @@ struct Taps {
   }
 };
 
+/// Zero when so many bytes are the same.
+template <std::size_t bytes>
+VESKO_INLINE std::uint64_t differenceOf(const void* a, const void* b) {
+  std::uint64_t first[bytes / 8];
+  std::uint64_t second[bytes / 8];
+  std::memcpy(first, a, bytes);
+  std::memcpy(second, b, bytes);
+  std::uint64_t difference = 0;
+  for (std::size_t i = 0; i < bytes / 8; ++i) difference |= first[i] ^ second[i];
+  return difference;
+}
+
 /// Weighs source rows of `count` bytes, `stride` bytes apart, into one row of floats.
 VESKO_INLINE void blendRows(const std::uint8_t* rows, std::ptrdiff_t stride, int rowCount,
                             const float* weights, float* out, std::size_t count) {
   constexpr std::size_t block = 32;
   std::size_t i = 0;
   for (; i + block <= count; i += block) {
+    // On screens most rows continue the one above: nothing to weigh there.
+    std::uint64_t difference = 0;
+    for (int k = 1; k < rowCount; ++k)
+      difference |= differenceOf<block>(rows + i, rows + k * stride + i);
+    if (difference == 0) {
+      for (std::size_t j = 0; j < block; ++j) out[i + j] = static_cast<float>(rows[i + j]);
+      continue;
+    }
     float sums[block] = {};
     for (int k = 0; k < rowCount; ++k) {
       const std::uint8_t* bytes = rows + k * stride + i;
@@ -114,12 +136,27 @@ VESKO_INLINE std::uint32_t toPixel(Channels sum, bool opaque) {
 }
 
 VESKO_WIDER_VECTORS void scaleRow(const std::uint8_t* rows, std::ptrdiff_t stride, int rowCount,
-                                  const float* rowWeights, float* blended, std::size_t channels,
-                                  const Taps::Span* spans, int width, const float* weights,
-                                  bool opaque, std::uint32_t* out) {
+                                  const float* rowWeights, float* blended, int* runs,
+                                  std::size_t channels, const Taps::Span* spans, int width,
+                                  const float* weights, bool opaque, std::uint32_t* out) {
   blendRows(rows, stride, rowCount, rowWeights, blended, channels);
-  for (int x = 0; x < width; ++x)
-    out[x] = toPixel(blendPixels(blended, spans[x], weights + spans[x].weights), opaque);
+  // For every pixel, where the run of equal ones that it belongs to begins.
+  runs[0] = 0;
+  const int pixels = static_cast<int>(channels / 4);
+  for (int x = 1; x < pixels; ++x) {
+    const float* pixel = blended + 4 * static_cast<std::ptrdiff_t>(x);
+    runs[x] = differenceOf<16>(pixel, pixel - 4) == 0 ? runs[x - 1] : x;
+  }
+  for (int x = 0; x < width; ++x) {
+    const Taps::Span& span = spans[x];
+    Channels sum;
+    if (runs[span.first + span.count - 1] <= span.first) {
+      std::memcpy(&sum, blended + 4 * static_cast<std::ptrdiff_t>(span.first), sizeof(sum));
+    } else {
+      sum = blendPixels(blended, span, weights + span.weights);
+    }
+    out[x] = toPixel(sum, opaque);
+  }
 }
 
 void scaleRows(const Image& image, const Taps& columns, const Taps& rows, int begin, int end,
@@ -127,10 +164,11 @@ void scaleRows(const Image& image, const Taps& columns, const Taps& rows, int be
   const std::size_t channels = 4 * static_cast<std::size_t>(image.size.width);
   const auto width = static_cast<int>(columns.spans.size());
   std::vector<float> blended(channels);
+  std::vector<int> runs(channels / 4);
   for (int y = begin; y < end; ++y, out += width) {
     const Taps::Span& span = rows.spans[static_cast<std::size_t>(y)];
     scaleRow(reinterpret_cast<const std::uint8_t*>(image.row(span.first)), 4 * image.stride,
-             span.count, &rows.weights[span.weights], blended.data(), channels,
+             span.count, &rows.weights[span.weights], blended.data(), runs.data(), channels,
              columns.spans.data(), width, columns.weights.data(), image.opaque, out);
   }
 }

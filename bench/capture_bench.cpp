@@ -1,0 +1,103 @@
+// Captures the screen of $DISPLAY on request and says how long it took: one request line on
+// standard input, "MAX_DIM", is one capture as the route would answer it, JSON included. The answer
+// is "MILLISECONDS PNG_BYTES". With the argument "stages" it measures each stage instead, once.
+#include <fmt/core.h>
+
+#include <chrono>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "base/base64.h"
+#include "base/json_record.h"
+#include "platform/linux/x11_screen_source.h"
+#include "tools/image_scale.h"
+#include "tools/png_encoder.h"
+#include "tools/screen_capture.h"
+
+namespace vesko {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class Granted : public PermissionProbes {
+ public:
+  bool accessibilityTrusted() override { return true; }
+  bool screenCaptureAllowed() override { return true; }
+  AutomationState messagesAutomation() override { return AutomationState::granted; }
+};
+
+double millisecondsSince(Clock::time_point begin) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
+
+/// The best of several calls: what the stage costs when nothing disturbs it.
+template <class Stage>
+double bestOf(int rounds, const Stage& stage) {
+  double best = 1e9;
+  for (int round = 0; round < rounds; ++round) {
+    const auto begin = Clock::now();
+    stage();
+    best = std::min(best, millisecondsSince(begin));
+  }
+  return best;
+}
+
+int measureStages(X11ScreenSource& source) {
+  const auto displays = source.displays();
+  if (!displays || displays->empty()) return 1;
+  const ScreenDisplay& display = displays->front();
+  const PixelSize size{display.pixelsWide, display.pixelsHigh};
+  const auto grab = [&] { return source.captureDisplay(display.id, display.bounds, size); };
+  fmt::print("grab             {:.2f} ms\n", bestOf(15, grab));
+  const auto image = grab();
+  if (!image) return 1;
+  const PixelSize smaller{1600, 1600 * size.height / size.width};
+  fmt::print("scale to 1600    {:.2f} ms\n",
+             bestOf(15, [&] { (void)scaleImage(*image, smaller); }));
+  const auto scaled = scaleImage(*image, smaller);
+  for (const auto& [name, picture] :
+       {std::pair{"PNG, full size", *image}, {"PNG, 1600", *scaled}}) {
+    std::size_t bytes = 0;
+    const double time = bestOf(15, [&] { bytes = encodePng(picture)->size; });
+    fmt::print("{:<16} {:.2f} ms, {} bytes\n", name, time, bytes);
+  }
+  const auto png = encodePng(*image);
+  fmt::print("base64           {:.2f} ms\n", bestOf(15, [&] {
+               std::string text;
+               appendBase64(text, png->bytes());
+             }));
+  return 0;
+}
+
+int answerRequests(X11ScreenSource& source) {
+  Granted probes;
+  ScreenRecordingProcessState state(probes);
+  ScreenCaptureService service(source, state);
+  CaptureRequest request;
+  for (std::int64_t maxDimension = 0; std::cin >> maxDimension;) {
+    request.maxDimension = maxDimension;
+    const auto begin = Clock::now();
+    const auto response = service.capture(request);
+    if (!response) {
+      fmt::print(stderr, "capture_bench: {}\n", response.error().message);
+      return 1;
+    }
+    const auto body = json::encode(*response);
+    const double time = millisecondsSince(begin);
+    const auto file = decodeBase64(response->pngBase64);
+    if (!body || !file) return 1;
+    fmt::print("{:.3f} {}\n", time, file->size());
+    std::fflush(stdout);
+  }
+  return 0;
+}
+
+}  // namespace
+}  // namespace vesko
+
+int main(int argc, char** argv) {
+  vesko::X11ScreenSource source;
+  const bool stages = argc > 1 && std::string(argv[1]) == "stages";
+  return stages ? vesko::measureStages(source) : vesko::answerRequests(source);
+}
