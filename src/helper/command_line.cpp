@@ -38,13 +38,13 @@ std::string suggestion(std::string_view word, const Range& candidates, std::stri
   return best.empty() ? "" : fmt::format(" (did you mean {}{}?)", prefix, best);
 }
 
-const OptionSpec* findOption(const CommandTable& table, const CommandSpec* command,
-                             std::string_view name) {
-  const auto in = [&](std::span<const OptionSpec> options) -> const OptionSpec* {
-    const auto found = std::ranges::find(options, name, &OptionSpec::name);
+const OptionEntry* findOption(const CommandTable& table, const CommandEntry* command,
+                              std::string_view name) {
+  const auto in = [&](std::span<const OptionEntry> options) -> const OptionEntry* {
+    const auto found = std::ranges::find(options, name, &OptionEntry::name);
     return found == options.end() ? nullptr : &*found;
   };
-  const OptionSpec* global = in(table.globalOptions);
+  const OptionEntry* global = in(table.globalOptions);
   return global || !command ? global : in(command->options);
 }
 
@@ -58,17 +58,17 @@ bool inGroup(std::string_view commandName, std::string_view group) {
 }
 
 /// Takes the command's words off the front of the arguments.
-std::expected<const CommandSpec*, std::string> takeCommand(const CommandTable& table,
-                                                           std::vector<std::string>& words) {
+std::expected<const CommandEntry*, std::string> takeCommand(const CommandTable& table,
+                                                            std::vector<std::string>& words) {
   const std::string two = words.size() > 1 ? words[0] + " " + words[1] : "";
-  for (const CommandSpec& command : table.commands) {
+  for (const CommandEntry& command : table.commands) {
     if (command.name != words[0] && command.name != two) continue;
     words.erase(words.begin(), words.begin() + (command.name == two ? 2 : 1));
     return &command;
   }
-  std::vector<CommandSpec> group;
+  std::vector<CommandEntry> group;
   std::ranges::copy_if(table.commands, std::back_inserter(group),
-                       [&](const CommandSpec& c) { return inGroup(c.name, words[0]); });
+                       [&](const CommandEntry& c) { return inGroup(c.name, words[0]); });
   if (group.empty()) {
     std::string hint = suggestion(words[0], table.commands, "");
     if (hint.empty()) hint = suggestion(two, table.commands, "");
@@ -77,22 +77,22 @@ std::expected<const CommandSpec*, std::string> takeCommand(const CommandTable& t
   if (words.size() > 1)
     return std::unexpected(fmt::format("unknown command {}{}", two, suggestion(two, group, "")));
   std::string names;
-  for (const CommandSpec& command : group)
+  for (const CommandEntry& command : group)
     names += fmt::format("{}{}", names.empty() ? "" : ", ", command.name);
   return std::unexpected(fmt::format("{} needs one of: {}", words[0], names));
 }
 
-std::string optionUsage(const OptionSpec& option) {
+std::string optionUsage(const OptionEntry& option) {
   return option.valueName.empty() ? fmt::format("--{}", option.name)
                                   : fmt::format("--{} {}", option.name, option.valueName);
 }
 
-void appendOptions(std::string& text, std::span<const OptionSpec> options) {
-  for (const OptionSpec& option : options)
+void appendOptions(std::string& text, std::span<const OptionEntry> options) {
+  for (const OptionEntry& option : options)
     text += fmt::format("  {:<22} {}\n", optionUsage(option), option.help);
 }
 
-std::string usage(const CommandTable& table, const CommandSpec& command) {
+std::string usage(const CommandTable& table, const CommandEntry& command) {
   return fmt::format("{} {}{}{}{}", table.program, command.name,
                      command.options.empty() ? "" : " [OPTIONS]",
                      command.arguments.empty() ? "" : " ", command.arguments);
@@ -116,10 +116,10 @@ std::expected<Invocation, std::string> parseCommandLine(const CommandTable& tabl
     std::optional<std::string> value;
   };
   std::vector<Given> given;
-  const auto locate = [&](std::string_view name) -> const OptionSpec* {
-    if (const OptionSpec* known = findOption(table, nullptr, name)) return known;
-    for (const CommandSpec& command : table.commands) {
-      if (const OptionSpec* known = findOption(table, &command, name)) return known;
+  const auto locate = [&](std::string_view name) -> const OptionEntry* {
+    if (const OptionEntry* known = findOption(table, nullptr, name)) return known;
+    for (const CommandEntry& command : table.commands) {
+      if (const OptionEntry* known = findOption(table, &command, name)) return known;
     }
     return nullptr;
   };
@@ -139,10 +139,11 @@ std::expected<Invocation, std::string> parseCommandLine(const CommandTable& tabl
     Given option{.name = word.substr(2, equals == std::string::npos ? equals : equals - 2),
                  .value = std::nullopt};
     if (equals != std::string::npos) option.value = word.substr(equals + 1);
-    const OptionSpec* spec = locate(option.name);
-    if (spec && !spec->valueName.empty() && !option.value) {
+    const OptionEntry* entry = locate(option.name);
+    if (entry && !entry->valueName.empty() && !option.value) {
       if (++i == words.size())
-        return std::unexpected(fmt::format("--{} needs a value: {}", spec->name, spec->valueName));
+        return std::unexpected(
+            fmt::format("--{} needs a value: {}", entry->name, entry->valueName));
       option.value = words[i];
     }
     given.push_back(std::move(option));
@@ -154,9 +155,9 @@ std::expected<Invocation, std::string> parseCommandLine(const CommandTable& tabl
     result.command = *command;
   }
   for (Given& option : given) {
-    const OptionSpec* spec = findOption(table, result.command, option.name);
-    if (!spec) {
-      std::vector<OptionSpec> known(table.globalOptions.begin(), table.globalOptions.end());
+    const OptionEntry* entry = findOption(table, result.command, option.name);
+    if (!entry) {
+      std::vector<OptionEntry> known(table.globalOptions.begin(), table.globalOptions.end());
       if (result.command)
         known.insert(known.end(), result.command->options.begin(), result.command->options.end());
       return std::unexpected(
@@ -164,11 +165,11 @@ std::expected<Invocation, std::string> parseCommandLine(const CommandTable& tabl
                       result.command ? fmt::format(" of {}", result.command->name) : "",
                       suggestion(option.name, known, "--")));
     }
-    if (spec->valueName.empty() && option.value)
-      return std::unexpected(fmt::format("--{} takes no value", spec->name));
+    if (entry->valueName.empty() && option.value)
+      return std::unexpected(fmt::format("--{} takes no value", entry->name));
     auto& values = result.options[option.name];
-    if (!values.empty() && !spec->valueName.empty() && !spec->repeatable)
-      return std::unexpected(fmt::format("--{} is given twice", spec->name));
+    if (!values.empty() && !entry->valueName.empty() && !entry->repeatable)
+      return std::unexpected(fmt::format("--{} is given twice", entry->name));
     values.push_back(option.value.value_or(""));
   }
   if (result.command && !result.has("help")) {
@@ -186,14 +187,14 @@ std::optional<std::string> commandHelp(const CommandTable& table, std::string_vi
   if (topic.empty()) {
     text = fmt::format("{}\n\nusage: {} [OPTIONS] COMMAND [ARGUMENTS]\n\ncommands:\n", table.help,
                        table.program);
-    for (const CommandSpec& command : table.commands)
+    for (const CommandEntry& command : table.commands)
       text += fmt::format("  {:<16} {}\n", command.name,
                           command.help.substr(0, command.help.find('\n')));
     text += "\noptions of every command:\n";
     appendOptions(text, table.globalOptions);
     return text;
   }
-  for (const CommandSpec& command : table.commands) {
+  for (const CommandEntry& command : table.commands) {
     if (!inGroup(command.name, topic)) continue;
     if (!text.empty()) text += "\n";
     text += fmt::format("usage: {}\n\n{}\n", usage(table, command), command.help);

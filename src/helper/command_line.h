@@ -13,7 +13,7 @@
 
 namespace vesko {
 
-struct OptionSpec {
+struct OptionEntry {
   std::string_view name;       ///< without the dashes
   std::string_view valueName;  ///< empty for one that takes no value
   std::string_view help;
@@ -22,13 +22,13 @@ struct OptionSpec {
 
 class CommandSession;
 
-struct CommandSpec {
+struct CommandEntry {
   std::string_view name;       ///< one word, or two for a command of a group
   std::string_view arguments;  ///< as help shows them
   std::size_t minArguments;
   std::size_t maxArguments;
   std::string_view help;
-  std::span<const OptionSpec> options;
+  std::span<const OptionEntry> options;
   /// Carries it out and returns the exit code.
   int (*run)(CommandSession& session);
 };
@@ -36,12 +36,12 @@ struct CommandSpec {
 struct CommandTable {
   std::string_view program;
   std::string_view help;
-  std::span<const OptionSpec> globalOptions;
-  std::span<const CommandSpec> commands;
+  std::span<const OptionEntry> globalOptions;
+  std::span<const CommandEntry> commands;
 };
 
 struct Invocation {
-  const CommandSpec* command = nullptr;  ///< null when none is named
+  const CommandEntry* command = nullptr;  ///< null when none is named
   std::vector<std::string> arguments;
   std::map<std::string, std::vector<std::string>, std::less<>> options;
 

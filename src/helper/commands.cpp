@@ -131,11 +131,14 @@ int capture(CommandSession& session) {
   if (auto written = replaceFile(file, *image, 0600); !written)
     return session.fail(exitFailed, "output",
                         fmt::format("cannot write {}: {}", file, written.error().message()));
-  const Value width = *answer->find("width"), height = *answer->find("height");
-  if (session.json())
-    return session.printJson(Object{
-        {"file", file}, {"width", width}, {"height", height}, {"scale", *answer->find("scale")}});
-  return session.print(fmt::format("{}: {}x{}\n", file, plain(&width), plain(&height)));
+  Object result{{"file", file}};
+  for (const char* key : {"width", "height", "scale"}) {
+    const Value* value = answer->find(key);
+    result.emplace_back(key, value ? *value : Value());
+  }
+  if (session.json()) return session.printJson(result);
+  return session.print(
+      fmt::format("{}: {}x{}\n", file, plain(&result[1].second), plain(&result[2].second)));
 }
 
 /// Numbers for the given keys, from the front of the arguments.
@@ -286,31 +289,31 @@ int help(CommandSession& session) {
 
 constexpr std::size_t anyNumber = std::numeric_limits<std::size_t>::max();
 
-constexpr OptionSpec globalOptions[] = {
+constexpr OptionEntry globalOptions[] = {
     {"json", "", "results and errors as JSON on standard output"},
     {"timeout", "SECONDS", "how long a call may take (60)"},
     {"socket", "PATH", "the helper's socket; the consents lie beside it"},
     {"help", "", "help on the command"},
     {"version", "", "the version of this program"},
 };
-constexpr OptionSpec captureOptions[] = {
+constexpr OptionEntry captureOptions[] = {
     {"display", "ID", "the display to capture (the main one)"},
     {"window", "NUMBER", "capture one window"},
     {"region", "X,Y,W,H", "capture a part of the display, in points from its top left"},
     {"max-dim", "PIXELS", "longest side of the image (1600)"},
 };
-constexpr OptionSpec clickOptions[] = {
+constexpr OptionEntry clickOptions[] = {
     {"button", "left|right", "the button (left)"},
     {"count", "1|2", "2 for a double click (1)"},
 };
-constexpr OptionSpec typeOptions[] = {
+constexpr OptionEntry typeOptions[] = {
     {"paste", "", "by way of the clipboard, where the text then stays"},
 };
-constexpr OptionSpec keyOptions[] = {
+constexpr OptionEntry keyOptions[] = {
     {"modifier", "NAME", "command, shift, option or control; may be repeated", true},
 };
 
-constexpr CommandSpec commands[] = {
+constexpr CommandEntry commands[] = {
     {"status", "", 0, 0, "show the helper, the companion and its permissions", {}, status},
     {"call",
      "METHOD PATH [JSON|-]",
@@ -385,7 +388,7 @@ int runVeskoctl(const std::vector<std::string>& words, const CommandEnvironment&
   CommandSession session(invocation, environment);
   if (!parsed) return session.usageError(parsed.error());
   if (invocation.has("version")) return session.print("veskoctl " + environment.version + "\n");
-  const CommandSpec* command = invocation.command;
+  const CommandEntry* command = invocation.command;
   if (invocation.has("help"))
     return session.print(*commandHelp(veskoctlCommands(), command ? command->name : ""));
   if (!command) return session.usageError("no command; veskoctl help lists them");

@@ -57,12 +57,12 @@ TEST(CommandLineTest, ReadsWordsByTheTable) {
 TEST(CommandLineTest, EveryCommandHasHelp) {
   const CommandTable& table = veskoctlCommands();
   const std::string overview = *commandHelp(table, "");
-  for (const CommandSpec& command : table.commands) {
+  for (const CommandEntry& command : table.commands) {
     SCOPED_TRACE(command.name);
     EXPECT_NE(overview.find(command.name), std::string::npos);
     const auto help = commandHelp(table, command.name);
     ASSERT_TRUE(help);
-    for (const OptionSpec& option : command.options)
+    for (const OptionEntry& option : command.options)
       EXPECT_NE(help->find("--" + std::string(option.name)), std::string::npos);
   }
   EXPECT_NE(commandHelp(table, "clipboard")->find("clipboard set"), std::string::npos);
