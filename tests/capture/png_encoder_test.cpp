@@ -55,7 +55,10 @@ TEST(PngEncoderTest, RoundTripsPatternsOfEveryShape) {
        [](int x, int y) {
          return 0xFF000000U | static_cast<std::uint32_t>(x + y * 3) * 0x010203U;
        }},
-      {"rows repeat", [](int x, int) { return 0xFF000000U | static_cast<std::uint32_t>(x * x); }},
+      {"rows repeat",
+       [](int x, int) {
+         return 0xFF000000U | static_cast<std::uint32_t>(x) * static_cast<std::uint32_t>(x);
+       }},
       {"columns repeat",
        [](int, int y) { return 0xFF000000U | static_cast<std::uint32_t>(y * 977); }},
       {"checks", [](int x, int y) { return (x + y) % 2 == 0 ? 0xFFFFFFFFU : 0xFF000000U; }},

@@ -1,5 +1,7 @@
 #include "platform/linux/x11_connection.h"
 
+#include "base/mutex.h"
+
 namespace vesko {
 
 X11Connection::~X11Connection() { close(); }
@@ -15,7 +17,13 @@ xcb_connection_t* X11Connection::get() {
   if (connection_ && xcb_connection_has_error(connection_) == 0) return connection_;
   close();
   int screenNumber = 0;
-  xcb_connection_t* opened = xcb_connect(nullptr, &screenNumber);
+  xcb_connection_t* opened = nullptr;
+  {
+    // The library that finds the access cookie keeps its path in a variable of its own.
+    static Mutex connecting;
+    const MutexLock lock(connecting);
+    opened = xcb_connect(nullptr, &screenNumber);
+  }
   if (xcb_connection_has_error(opened) != 0) {
     xcb_disconnect(opened);
     return nullptr;

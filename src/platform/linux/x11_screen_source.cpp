@@ -211,7 +211,11 @@ void X11ScreenSource::takeBack(std::unique_ptr<Session> session) {
 void X11ScreenSource::releaseWhenIdle() {
   std::unique_ptr<Session> released;
   const MutexLock lock(mutex_);
-  while (!closing_ && Clock::now() < releaseAt_) closed_.wait_until(mutex_, releaseAt_);
+  while (!closing_ && Clock::now() < releaseAt_) {
+    // A copy: the wait reads its argument after it has let go of the lock.
+    const Clock::time_point deadline = releaseAt_;
+    closed_.wait_until(mutex_, deadline);
+  }
   // A session that is at work comes back later, and starts a new wait then.
   released = std::move(idle_);
   releasing_ = false;
