@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -68,6 +69,17 @@ int CommandSession::perform(const std::string& path, json::Object body) {
   return json_ ? printJson(*answer) : exitOk;
 }
 
+std::string CommandSession::missing(const std::string& consent) {
+  const auto editor = environment_.consents ? environment_.consents(stateDirectory()) : nullptr;
+  const auto entries = editor ? editor->list() : std::vector<ConsentEditor::Entry>();
+  const auto entry = std::ranges::find(entries, consent, &ConsentEditor::Entry::consent);
+  if (entry != entries.end() && entry->state == consentGranted)
+    return fmt::format(
+        "permission not active: {}; it is granted and counts once the companion is started again",
+        consent);
+  return fmt::format("permission missing: {0}; grant it with: veskoctl consent grant {0}", consent);
+}
+
 std::expected<json::Value, int> CommandSession::accept(
     std::expected<LocalAnswer, LocalClientError> answer) {
   if (!answer) {
@@ -82,10 +94,8 @@ std::expected<json::Value, int> CommandSession::accept(
       ok && ok->asBool() == false && body.find("error") && body.find("error")->asObject();
   if ((status == 0 || (status >= 200 && status < 300)) && !toolFailed) return std::move(body);
   if (const std::string needs = memberText(&body, "needs"); status == 412 && !needs.empty())
-    return std::unexpected(fail(
-        exitPermissionMissing, "permission_missing",
-        fmt::format("permission missing: {0}; grant it with: veskoctl consent grant {0}", needs),
-        {{"needs", needs}}));
+    return std::unexpected(
+        fail(exitPermissionMissing, "permission_missing", missing(needs), {{"needs", needs}}));
   const json::Value* source = toolFailed ? body.find("error") : &body;
   std::string message = memberText(source, "message");
   if (message.empty()) message = fmt::format("the companion answered with status {}", status);
@@ -120,6 +130,10 @@ std::expected<std::unique_ptr<ConsentEditor>, int> CommandSession::consents() {
   if (!environment_.consents)
     return std::unexpected(
         fail(exitFailed, "unsupported", "this desktop keeps the permissions itself"));
+  return environment_.consents(stateDirectory());
+}
+
+std::filesystem::path CommandSession::stateDirectory() const {
   const auto candidates = sockets();
   auto directory = candidates.empty() ? std::filesystem::path() : candidates.front().parent_path();
   for (const auto& socket : candidates) {
@@ -128,7 +142,7 @@ std::expected<std::unique_ptr<ConsentEditor>, int> CommandSession::consents() {
     directory = socket.parent_path();
     break;
   }
-  return environment_.consents(directory);
+  return directory;
 }
 
 int CommandSession::print(std::string_view text) {

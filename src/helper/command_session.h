@@ -93,6 +93,10 @@ class CommandSession {
   std::expected<json::Value, int> accept(std::expected<LocalAnswer, LocalClientError> answer);
   std::expected<std::chrono::milliseconds, int> timeout();
   std::vector<std::filesystem::path> sockets() const;
+  /// The folder of the first socket whose folder exists; the consents lie there too.
+  std::filesystem::path stateDirectory() const;
+  /// What to do about a permission that the companion asks for.
+  std::string missing(const std::string& consent);
 
   const Invocation& invocation_;
   const CommandEnvironment& environment_;

@@ -102,6 +102,9 @@ TEST_F(VeskoctlServedTest, ExitCodesAndMessages) {
        "",
        "permission missing: accessibility; grant it with: veskoctl consent grant accessibility\n"},
       {{"call", "POST", "/denied", "--json"}, 4, "\"needs\":\"accessibility\"", "permission"},
+      // Granted after the companion has started: granting it again would lead nowhere.
+      {{"consent", "grant", "accessibility"}, 0, "", ""},
+      {{"call", "POST", "/denied"}, 4, "", "counts once the companion is started again"},
       {{"call", "POST", "/a", "{"}, 2, "", "the body is not JSON"},
       {{"call", "post", "/a"}, 1, "", "capital letters"},
       {{}, 2, "", "no command"},
