@@ -69,7 +69,7 @@ TEST_F(DaemonFaultsTest, leavesNothingBehindAfterHundredsOfCrashes) {
 }
 
 TEST_F(DaemonFaultsTest, dropsALineWithoutEndAndHearsTheNextOne) {
-  constexpr long megabytes = 100;
+  constexpr long megabytes = 300;
   rusage before{};
   ::getrusage(RUSAGE_SELF, &before);
   script("flood", megabytes, "", "\n" + connectedLine("after"));
@@ -82,8 +82,9 @@ TEST_F(DaemonFaultsTest, dropsALineWithoutEndAndHearsTheNextOne) {
 
   rusage after{};
   ::getrusage(RUSAGE_SELF, &after);
-  // In kilobytes. A line may take 32 MiB, and twice that while its buffer grows.
-  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 90 << 10);
+  // In kilobytes. A line may take 32 MiB and as much again while its buffer grows; the thread
+  // sanitizer keeps records of its own beside it.
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 200 << 10);
 }
 
 TEST_F(DaemonFaultsTest, dropsChunksThatAreNotUtf8AndNothingElse) {
