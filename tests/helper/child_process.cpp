@@ -85,9 +85,14 @@ bool waitForEnd(pid_t pid) {
   return ::poll(&ready, 1, boundMs) == 1;
 }
 
+std::filesystem::path veskoctlPath() {
+  return VESKOCTL_PATH;
+}
+
 CommandResult runVeskoctlProcess(const std::vector<std::string>& arguments,
-                                 const Variables& variables, std::string_view input) {
-  std::vector<std::string> words{VESKOCTL_PATH};
+                                 const Variables& variables, std::string_view input,
+                                 const std::filesystem::path& executable) {
+  std::vector<std::string> words{executable.native()};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<std::string> environment = environmentOf(variables);
   const auto argv = pointers(words);

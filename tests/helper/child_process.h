@@ -37,9 +37,13 @@ struct CommandResult {
   std::string err;
 };
 
-/// Runs veskoctl to its end.
+/// The one that the build put into the bundle.
+std::filesystem::path veskoctlPath();
+
+/// Runs veskoctl, or a copy of it, to its end.
 CommandResult runVeskoctlProcess(const std::vector<std::string>& words, const Variables& variables,
-                                 std::string_view input = {});
+                                 std::string_view input = {},
+                                 const std::filesystem::path& executable = veskoctlPath());
 
 /// One run of the helper. What it writes to its standard output and error arrives here as it was
 /// written, one message a write.

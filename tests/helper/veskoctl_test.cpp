@@ -233,17 +233,20 @@ TEST_F(VeskoctlTest, TellsWhoIsNotThere) {
 }
 
 TEST_F(VeskoctlTest, LooksForTheHelperInBothStateDirectories) {
+  // Inside its bundle the command knows which of the two is meant; a copy elsewhere does not.
+  const auto copy = state() / "veskoctl";
+  std::filesystem::copy_file(veskoctlPath(), copy);
   for (const char* folder : {"VeskoKit", "VeskoKit-Dev"}) {
     SCOPED_TRACE(folder);
     const auto directory = state() / "Library/Application Support" / folder;
     std::filesystem::create_directories(directory);
     HelperProcess helper({.stateDirectory = directory});
     helper.waitUntilServing();
-    const CommandResult result = runVeskoctlProcess({"status"}, {{"HOME", state().native()}});
+    const CommandResult result = runVeskoctlProcess({"status"}, {{"HOME", state().native()}}, {}, copy);
     EXPECT_NE(result.out.find("process " + std::to_string(helper.pid())), std::string::npos)
         << result.out << result.err;
   }
-  const CommandResult nobody = runVeskoctlProcess({"status"}, {{"HOME", "/no/such/home"}});
+  const CommandResult nobody = runVeskoctlProcess({"status"}, {{"HOME", "/no/such/home"}}, {}, copy);
   EXPECT_EQ(nobody.exit, 3);
   EXPECT_NE(nobody.err.find("/VeskoKit/veskoctl.sock"), std::string::npos) << nobody.err;
   EXPECT_NE(nobody.err.find("/VeskoKit-Dev/veskoctl.sock"), std::string::npos) << nobody.err;
