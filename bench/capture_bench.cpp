@@ -1,15 +1,21 @@
-// Captures the screen of $DISPLAY on request and says how long it took: one request line on
-// standard input, "MAX_DIM", is one capture as the route would answer it, JSON included. The answer
-// is "MILLISECONDS PNG_BYTES". With the argument "stages" it measures each stage instead, once.
+// Captures the screen of $DISPLAY on request and says how long it took as the helper sees it: one
+// request line on standard input, "MAX_DIM", is one POST /capture over pinned TLS, from connecting
+// to the parsed answer. It answers "MILLISECONDS PNG_BYTES". With the argument "stages" it measures
+// each stage of a capture instead, once.
 #include <fmt/core.h>
 
 #include <chrono>
+#include <csignal>
+#include <future>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "base/base64.h"
 #include "base/json_record.h"
+#include "control_server/control_server.h"
+#include "control_server/tool_routes.h"
+#include "helper/control_client.h"
 #include "platform/linux/x11_screen_source.h"
 #include "tools/image_scale.h"
 #include "tools/png_encoder.h"
@@ -71,22 +77,33 @@ int measureStages(X11ScreenSource& source) {
 }
 
 int answerRequests(X11ScreenSource& source) {
+  std::signal(SIGPIPE, SIG_IGN);
   Granted probes;
   ScreenRecordingProcessState state(probes);
   ScreenCaptureService service(source, state);
-  CaptureRequest request;
+  auto server = ControlServer::create(captureRoutes(service), probes);
+  if (!server) return 1;
+  std::promise<std::string> handshake;
+  (*server)->onReady = [&](std::string line) { handshake.set_value(std::move(line)); };
+  (*server)->start();
+  const auto endpoint = json::decode<ControlEndpoint>(handshake.get_future().get());
+  const ControlClient client;
+
   for (std::int64_t maxDimension = 0; std::cin >> maxDimension;) {
-    request.maxDimension = maxDimension;
+    const ControlRequest request{
+        "POST", "/capture", fmt::format(R"({{"target":"display","max_dim":{}}})", maxDimension)};
     const auto begin = Clock::now();
-    const auto response = service.capture(request);
-    if (!response) {
-      fmt::print(stderr, "capture_bench: {}\n", response.error().message);
+    const auto answer = client.call(*endpoint, request, {});
+    const auto body = answer && answer->status == 200
+                          ? json::parse(answer->body)
+                          : std::unexpected(answer ? answer->body : answer.error().message);
+    const double time = millisecondsSince(begin);
+    const json::Value* png = body ? body->find("png_base64") : nullptr;
+    const auto file = png ? decodeBase64(*png->asString()) : std::nullopt;
+    if (!file) {
+      fmt::print(stderr, "capture_bench: {}\n", body ? "no picture" : body.error());
       return 1;
     }
-    const auto body = json::encode(*response);
-    const double time = millisecondsSince(begin);
-    const auto file = decodeBase64(response->pngBase64);
-    if (!body || !file) return 1;
     fmt::print("{:.3f} {}\n", time, file->size());
     std::fflush(stdout);
   }
