@@ -118,7 +118,7 @@ TEST_F(DaemonFaultsTest, dropsChunksThatAreNotUtf8AndNothingElse) {
 }
 
 TEST_F(DaemonFaultsTest, aDaemonThatClosedItsStreamsStillRunsUntilItIsStopped) {
-  script("close_everything");
+  script("close_everything", 6);
   log.write("opens its file");
   const auto descriptors = entriesOf("/proc/self/fd");
   launch();
@@ -133,13 +133,17 @@ TEST_F(DaemonFaultsTest, aDaemonThatClosedItsStreamsStillRunsUntilItIsStopped) {
   EXPECT_FALSE(lines.sendGrantedDirs({"/tmp"}));
   EXPECT_TRUE(logs("daemon control granted_dirs failed: Broken pipe"));
   EXPECT_TRUE(supervisor.daemonRunning());
+  // It was left alone, and its end is noticed as any other's.
+  EXPECT_TRUE(processes.open(pid())->signal(SIGUSR1));
+  ASSERT_TRUE(runUntilLogged("daemon exited exit code 6"));
 
+  ASSERT_TRUE(runUntil([&] { return occurrences(logged(), "daemon: closed") == 2; }));
   supervisor.stopDaemon();
   EXPECT_FALSE(supervisor.daemonRunning());
   ASSERT_TRUE(settled());
   EXPECT_FALSE(logs("SIGKILL"));
-  EXPECT_FALSE(logs("daemon exited"));
-  EXPECT_EQ(processes.pids.size(), 1U);
+  EXPECT_EQ(occurrences(logged(), "daemon exited unexpectedly"), 1U);
+  EXPECT_EQ(processes.pids.size(), 2U);
   EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
 }
 

@@ -135,13 +135,19 @@ int act(std::string_view mode, long value) {
     say(std::to_string(child) + "\n");
     return static_cast<int>(value);
   } else if (mode == "close_everything") {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR1);
+    ::sigprocmask(SIG_BLOCK, &set, nullptr);
     ::close(STDIN_FILENO);
     ::close(STDOUT_FILENO);
     const std::string_view farewell = "closed\n";
     if (::write(STDERR_FILENO, farewell.data(), farewell.size()) < 0) return 98;
     ::close(STDERR_FILENO);
     ::alarm(120);
-    for (;;) ::pause();
+    int arrived = 0;
+    ::sigwait(&set, &arrived);
+    return static_cast<int>(value);
   } else if (mode == "bite") {
     // Ends in the middle of what it is being told.
     std::string bitten(static_cast<std::size_t>(value), '\0');
