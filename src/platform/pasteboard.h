@@ -7,7 +7,8 @@
 
 namespace vesko {
 
-/// Any thread. Both calls wait for the desktop with a bound of a few seconds.
+/// Any thread. Both calls wait for the desktop a few seconds at most, and longer only, but never
+/// without a bound, while a long text keeps coming.
 class Pasteboard {
  public:
   virtual ~Pasteboard() = default;

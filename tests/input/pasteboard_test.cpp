@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <chrono>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +17,7 @@
 namespace vesko {
 namespace {
 
+using namespace std::chrono_literals;
 using test::outputOf;
 using test::Program;
 
@@ -112,6 +115,71 @@ TEST_F(PasteboardTest, OwnerThatDoesNotAnswerIsGivenUp) {
   // must not be taken for the next.
   ASSERT_EQ(pasteboard.text(), "late");
   EXPECT_EQ(impatient.text(), "late");
+}
+
+/// Owns the clipboard with a text that has no end: a byte whenever the reader asks for more.
+class EndlessOwner {
+ public:
+  EndlessOwner() : c_(x11_.get()), window_(xcb_generate_id(c_)) {
+    xcb_create_window(c_, XCB_COPY_FROM_PARENT, window_, x11_.root(), 0, 0, 1, 1, 0,
+                      XCB_WINDOW_CLASS_INPUT_ONLY, XCB_COPY_FROM_PARENT, 0, nullptr);
+    xcb_set_selection_owner(c_, window_, x11_.atom("CLIPBOARD"), XCB_CURRENT_TIME);
+    incr_ = x11_.atom("INCR");
+    xcb_flush(c_);
+    thread_ = std::jthread([this](const std::stop_token& stop) { serve(stop); });
+  }
+
+ private:
+  void serve(const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      const auto event = nextEvent(c_, std::chrono::steady_clock::now() + 20ms);
+      if (!event) continue;
+      const int kind = event->response_type & 0x7F;
+      if (kind == XCB_SELECTION_REQUEST) {
+        begin(reinterpret_cast<const xcb_selection_request_event_t&>(*event));
+      } else if (kind == XCB_PROPERTY_NOTIFY) {
+        const auto& taken = reinterpret_cast<const xcb_property_notify_event_t&>(*event);
+        if (taken.state == XCB_PROPERTY_DELETE) put(taken.window, taken.atom, type_, 8, "x");
+      }
+    }
+  }
+
+  void begin(const xcb_selection_request_event_t& request) {
+    const std::uint32_t events = XCB_EVENT_MASK_PROPERTY_CHANGE;
+    xcb_change_window_attributes(c_, request.requestor, XCB_CW_EVENT_MASK, &events);
+    type_ = request.target;
+    const std::uint32_t least = 1;
+    put(request.requestor, request.property, incr_, 32, &least);
+    xcb_selection_notify_event_t notify{};
+    notify.response_type = XCB_SELECTION_NOTIFY;
+    notify.requestor = request.requestor;
+    notify.selection = request.selection;
+    notify.target = request.target;
+    notify.property = request.property;
+    xcb_send_event(c_, 0, request.requestor, 0, reinterpret_cast<const char*>(&notify));
+  }
+
+  void put(xcb_window_t window, xcb_atom_t property, xcb_atom_t type, std::uint8_t format,
+           const void* one) {
+    xcb_change_property(c_, XCB_PROP_MODE_REPLACE, window, property, type, format, 1, one);
+  }
+
+  X11Connection x11_;
+  xcb_connection_t* c_;
+  xcb_window_t window_;
+  xcb_atom_t incr_ = XCB_ATOM_NONE;
+  xcb_atom_t type_ = XCB_ATOM_NONE;
+  std::jthread thread_;
+};
+
+TEST_F(PasteboardTest, TextWithoutAnEndIsGivenUp) {
+  X11Pasteboard impatient(100ms);
+  {
+    const EndlessOwner endless;
+    EXPECT_EQ(impatient.text(), std::nullopt);
+  }
+  copyElsewhere("after it");
+  EXPECT_EQ(impatient.text(), "after it");
 }
 
 TEST_F(PasteboardTest, LongTextThatWasGivenUpDoesNotBlockItsOwner) {

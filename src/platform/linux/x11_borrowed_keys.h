@@ -69,7 +69,6 @@ class X11BorrowedKeys {
   void giveBack();
   bool settleUses(std::chrono::milliseconds bound);
   bool writeMapping();
-  LevelType levelType() const;
   void rememberOnRoot();
   std::set<xcb_keycode_t> leftOnRoot();
 

@@ -1,10 +1,30 @@
 #include "platform/linux/x11_connection.h"
 
+#include <poll.h>
+
+#include <cerrno>
+
 #include "base/mutex.h"
 
 namespace vesko {
 
-X11Connection::~X11Connection() { close(); }
+XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection,
+                                      std::chrono::steady_clock::time_point deadline) {
+  using Clock = std::chrono::steady_clock;
+  xcb_flush(connection);
+  for (;;) {
+    if (auto* event = xcb_poll_for_event(connection)) return XcbPtr<xcb_generic_event_t>(event);
+    if (xcb_connection_has_error(connection) != 0) return nullptr;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) return nullptr;
+    pollfd readable{xcb_get_file_descriptor(connection), POLLIN, 0};
+    if (::poll(&readable, 1, static_cast<int>(left)) < 0 && errno != EINTR) return nullptr;
+  }
+}
+
+X11Connection::~X11Connection() {
+  close();
+}
 
 void X11Connection::close() {
   if (connection_) xcb_disconnect(connection_);

@@ -3,6 +3,7 @@
 
 #include <xcb/xcb.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -17,6 +18,11 @@ struct FreeDeleter {
 };
 template <class T>
 using XcbPtr = std::unique_ptr<T, FreeDeleter>;
+
+/// The next event within the time, null otherwise or when the connection broke. Sends first what
+/// waits to be sent.
+XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection,
+                                      std::chrono::steady_clock::time_point deadline);
 
 /// Not synchronised: each service has a connection of its own and guards it with its own lock.
 class X11Connection {

@@ -51,7 +51,6 @@ class X11Keymap {
   /// The one symbol at that level of the first layout, XKB_KEY_NoSymbol for none.
   xkb_keysym_t symbolAt(xcb_keycode_t keycode, unsigned level) const;
 
-  bool isModifier(xcb_keycode_t keycode) const { return modifierOf_[keycode] != 0; }
   /// The modifier that key sets, 0 for other keys.
   std::uint8_t modifierOf(xcb_keycode_t keycode) const { return modifierOf_[keycode]; }
   /// The keys that hold the modifiers of an X11Stroke down.

@@ -25,7 +25,8 @@ class X11Pasteboard : public Pasteboard {
   /// Texts beyond this are not read.
   static constexpr std::size_t maxReadBytes = std::size_t{64} << 20;
 
-  /// `readBound` is how long an owner may take for its answer and for each piece of a long one.
+  /// `readBound` is how long an owner may take for its answer and for each piece of a long one, of
+  /// which all together may take ten times as long.
   explicit X11Pasteboard(std::chrono::milliseconds readBound = std::chrono::seconds(2));
   ~X11Pasteboard() override;
 

@@ -1,9 +1,6 @@
 #include "platform/linux/x11_ping.h"
 
-#include <poll.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <span>
 
 namespace vesko {
@@ -33,18 +30,6 @@ void selectOnRoot(X11Connection& x11, std::uint32_t events) {
 }
 
 }  // namespace
-
-XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection, Clock::time_point deadline) {
-  xcb_flush(connection);
-  for (;;) {
-    if (auto* event = xcb_poll_for_event(connection)) return XcbPtr<xcb_generic_event_t>(event);
-    if (xcb_connection_has_error(connection) != 0) return nullptr;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return nullptr;
-    pollfd readable{xcb_get_file_descriptor(connection), POLLIN, 0};
-    if (::poll(&readable, 1, static_cast<int>(left)) < 0 && errno != EINTR) return nullptr;
-  }
-}
 
 std::optional<xcb_window_t> focusedClient(X11Connection& x11) {
   xcb_connection_t* const c = x11.current();

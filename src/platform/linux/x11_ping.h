@@ -30,8 +30,4 @@ std::optional<xcb_window_t> focusedClient(X11Connection& x11);
 /// Consumes the connection's events while it waits; selects none afterwards.
 PingResult ping(X11Connection& x11, xcb_window_t window, std::chrono::milliseconds bound);
 
-/// The next event within the time, null otherwise or when the connection broke.
-XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection,
-                                      std::chrono::steady_clock::time_point deadline);
-
 }  // namespace vesko

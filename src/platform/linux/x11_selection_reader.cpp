@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "base/utf8.h"
-#include "platform/linux/x11_ping.h"
 
 namespace vesko {
 namespace {
@@ -13,6 +12,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr unsigned propertyCount = 16;
+/// All pieces of a long text together, in times of the bound for one.
+constexpr int wholeText = 10;
 
 std::string fromLatin1(std::string_view bytes) {
   std::string text;
@@ -102,6 +103,7 @@ std::optional<X11SelectionReader::Answer> X11SelectionReader::takeProperty(xcb_a
 
 std::optional<X11SelectionReader::Answer> X11SelectionReader::incremental(xcb_atom_t property) {
   Answer answer;
+  const auto end = Clock::now() + wholeText * bound_;
   auto deadline = Clock::now() + bound_;
   // Deleting the property, as reading it did, asks for the next piece; an empty one is the last.
   while (const auto event = nextEvent(x11_.current(), deadline)) {
@@ -116,7 +118,8 @@ std::optional<X11SelectionReader::Answer> X11SelectionReader::incremental(xcb_at
     if (piece->bytes.empty()) return answer;
     if (answer.bytes.size() + piece->bytes.size() > maxBytes_) return std::nullopt;
     answer.bytes += piece->bytes;
-    deadline = Clock::now() + bound_;
+    if (Clock::now() >= end) return std::nullopt;
+    deadline = std::min(Clock::now() + bound_, end);
   }
   return std::nullopt;
 }

@@ -15,7 +15,8 @@ namespace vesko {
 /// as long as the reader: an owner whose answer was given up may still write to it.
 class X11SelectionReader {
  public:
-  /// `bound` is the time for each answer of the owner.
+  /// `bound` is the time for each answer of the owner; all pieces of a long text may take ten
+  /// times as long.
   X11SelectionReader(X11Connection& x11, std::chrono::milliseconds bound, std::size_t maxBytes);
   ~X11SelectionReader();
   X11SelectionReader(const X11SelectionReader&) = delete;

@@ -1,6 +1,5 @@
 #include "platform/linux/x11_window_capture.h"
 
-#include <poll.h>
 #include <xcb/composite.h>
 #include <xcb/damage.h>
 
@@ -57,7 +56,7 @@ class RedirectedWindow {
     const auto begin = Clock::now();
     auto quiet = begin + firstStroke;
     while (!hidden.empty()) {
-      const XcbPtr<xcb_generic_event_t> event(nextEvent(std::min(quiet, begin + lastStroke)));
+      const auto event = nextEvent(connection_, std::min(quiet, begin + lastStroke));
       if (!event) return;
       if ((event->response_type & 0x7F) != damageEvent) continue;
       // What the redirection itself painted is the window's background, not its content.
@@ -70,19 +69,6 @@ class RedirectedWindow {
   }
 
  private:
-  /// Null when none comes in time.
-  XcbPtr<xcb_generic_event_t> nextEvent(Clock::time_point deadline) {
-    for (;;) {
-      XcbPtr<xcb_generic_event_t> event(xcb_poll_for_event(connection_));
-      if (event || xcb_connection_has_error(connection_) != 0) return event;
-      const auto left =
-          std::chrono::ceil<milliseconds>(std::max(deadline - Clock::now(), Clock::duration(0)));
-      pollfd waiting{xcb_get_file_descriptor(connection_), POLLIN, 0};
-      if (left.count() == 0 || ::poll(&waiting, 1, static_cast<int>(left.count())) == 0)
-        return nullptr;
-    }
-  }
-
   xcb_connection_t* connection_;
   xcb_window_t window_;
   xcb_damage_damage_t damage_;
