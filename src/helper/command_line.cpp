@@ -134,7 +134,13 @@ std::expected<Invocation, std::string> parseCommandLine(const CommandTable& tabl
       optionsEnded = true;
       continue;
     }
-    if (!word.starts_with("--")) return std::unexpected(fmt::format("unknown option {}", word));
+    if (word == "-h") {
+      given.push_back({.name = "help", .value = std::nullopt});
+      continue;
+    }
+    if (!word.starts_with("--"))
+      return std::unexpected(
+          fmt::format("unknown option {}; -- goes before arguments that begin with a dash", word));
     const auto equals = word.find('=');
     Given option{.name = word.substr(2, equals == std::string::npos ? equals : equals - 2),
                  .value = std::nullopt};

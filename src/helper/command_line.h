@@ -50,9 +50,9 @@ struct Invocation {
   std::optional<std::string> value(std::string_view option) const;
 };
 
-/// Options may stand anywhere, "--option=value" works too, "--" ends them, and words such as "-5"
-/// and "-" are arguments. With --help the number of arguments is not checked. The error is the
-/// message to show.
+/// Options may stand anywhere, "--option=value" works too, "-h" is "--help", "--" ends them, and
+/// words such as "-5" and "-" are arguments. With --help the number of arguments is not checked.
+/// The error is the message to show.
 std::expected<Invocation, std::string> parseCommandLine(const CommandTable& table,
                                                         std::span<const std::string> words);
 

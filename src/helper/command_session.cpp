@@ -179,7 +179,8 @@ std::expected<LocalClient*, int> CommandSession::client() {
     if (connected) return &client_.emplace(std::move(*connected));
     reasons += (reasons.empty() ? "" : "; ") + connected.error();
   }
-  if (reasons.empty()) reasons = "no home directory, so no helper can be found; use --socket";
+  reasons = reasons.empty() ? "no home directory, so no helper can be found; use --socket"
+                            : reasons + "; is Vesko Companion running?";
   return std::unexpected(fail(exitUnreachable, "no_helper", reasons));
 }
 

@@ -336,7 +336,12 @@ constexpr CommandEntry commands[] = {
     {"type", "TEXT|-", 1, 1,
      "type a text\nWith - the text comes from standard input and shows in no list of processes.",
      typeOptions, type},
-    {"key", "NAME", 1, 1, "press a key", keyOptions, key},
+    {"key", "NAME", 1, 1,
+     "press a key\nA letter, a digit, a sign such as + or ;, or one of: return, tab, space, "
+     "delete,\n"
+     "forward_delete, escape, home, end, page_up, page_down, arrow_left, arrow_right, arrow_up,\n"
+     "arrow_down, f1 to f12.",
+     keyOptions, key},
     {"hotkey",
      "COMBINATION...",
      1,
@@ -353,7 +358,15 @@ constexpr CommandEntry commands[] = {
      {},
      clipboardSet},
     {"consent list", "", 0, 0, "show what the companion may do", {}, consentList},
-    {"consent grant", "KIND...", 1, anyNumber, "allow the companion something", {}, consentGrant},
+    {"consent grant",
+     "KIND...",
+     1,
+     anyNumber,
+     "allow the companion something\nKinds are those that consent list shows. screen_recording "
+     "counts "
+     "from the companion's next\nstart, the others at once.",
+     {},
+     consentGrant},
     {"consent revoke", "KIND...", 1, anyNumber, "forbid it again", {}, consentRevoke},
     {"consent reset",
      "KIND...",

@@ -216,6 +216,7 @@ TEST_F(VeskoctlTest, TellsWhoIsNotThere) {
   EXPECT_NE(nobody.err.find("no helper answers at " + (state() / "veskoctl.sock").native()),
             std::string::npos)
       << nobody.err;
+  EXPECT_NE(nobody.err.find("is Vesko Companion running?"), std::string::npos) << nobody.err;
   HelperProcess helper({.stateDirectory = state()});
   helper.waitUntilServing();
   const CommandResult alone = run({"status"});
@@ -242,11 +243,13 @@ TEST_F(VeskoctlTest, LooksForTheHelperInBothStateDirectories) {
     std::filesystem::create_directories(directory);
     HelperProcess helper({.stateDirectory = directory});
     helper.waitUntilServing();
-    const CommandResult result = runVeskoctlProcess({"status"}, {{"HOME", state().native()}}, {}, copy);
+    const CommandResult result =
+        runVeskoctlProcess({"status"}, {{"HOME", state().native()}}, {}, copy);
     EXPECT_NE(result.out.find("process " + std::to_string(helper.pid())), std::string::npos)
         << result.out << result.err;
   }
-  const CommandResult nobody = runVeskoctlProcess({"status"}, {{"HOME", "/no/such/home"}}, {}, copy);
+  const CommandResult nobody =
+      runVeskoctlProcess({"status"}, {{"HOME", "/no/such/home"}}, {}, copy);
   EXPECT_EQ(nobody.exit, 3);
   EXPECT_NE(nobody.err.find("/VeskoKit/veskoctl.sock"), std::string::npos) << nobody.err;
   EXPECT_NE(nobody.err.find("/VeskoKit-Dev/veskoctl.sock"), std::string::npos) << nobody.err;
