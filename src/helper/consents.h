@@ -1,5 +1,5 @@
 // How veskoctl reaches the desktop's own record of the user's consents: directly and never through
-// the helper, so that an assistant behind the helper cannot grant itself anything. Any thread.
+// the helper, whose protocol has no words for it. Any thread.
 #pragma once
 
 #include "helper/command_session.h"
