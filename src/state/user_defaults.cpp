@@ -6,23 +6,23 @@ namespace vesko {
 
 UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)) {
   const auto bytes = readFile(file_, PropertyList::maxBytes);
-  if (!bytes) {
-    if (bytes.error() != std::errc::no_such_file_or_directory)
-      loadProblem_ = "settings could not be read: " + bytes.error().message();
-    return;
-  }
-  auto parsed = PropertyList::parse(*bytes);
-  if (parsed && parsed->dictionary()) {
-    entries_ = *parsed->dictionary();
-    return;
+  if (!bytes && bytes.error() == std::errc::no_such_file_or_directory) return;
+  if (bytes) {
+    auto parsed = PropertyList::parse(*bytes);
+    if (parsed && parsed->dictionary()) {
+      entries_ = *parsed->dictionary();
+      return;
+    }
+    loadProblem_ = "settings file is damaged (" +
+                   (parsed ? std::string("not a dictionary") : parsed.error()) + ")";
+  } else {
+    loadProblem_ = "settings could not be read (" + bytes.error().message() + ")";
   }
   auto aside = file_;
   aside += ".damaged";
   std::error_code error;
   std::filesystem::rename(file_, aside, error);
-  loadProblem_ = "settings file is damaged (" +
-                 (parsed ? std::string("not a dictionary") : parsed.error()) + ")" +
-                 (error ? "; it could not be kept aside: " + error.message() : "; kept aside");
+  *loadProblem_ += error ? "; it could not be kept aside: " + error.message() : "; kept aside";
 }
 
 const PropertyList* UserDefaults::value(std::string_view key) const {

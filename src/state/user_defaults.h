@@ -14,8 +14,8 @@ namespace vesko {
 
 class UserDefaults {
  public:
-  /// Reads the file at once. A missing file means no settings. One that cannot be parsed is moved
-  /// aside (".damaged" is appended) so that the next write does not destroy it.
+  /// Reads the file at once. A missing file means no settings. One that cannot be read or parsed is
+  /// moved aside (".damaged" is appended) so that the next write does not destroy it.
   explicit UserDefaults(std::filesystem::path file);
 
   /// What went wrong while reading, for the log; nothing when all was well.

@@ -87,9 +87,10 @@ TEST_F(AppStateTest, defaultsKeepEveryTypeAndLeaveOtherKeysAlone) {
 }
 
 TEST_F(AppStateTest, damagedDefaultsAreKeptAsideAndReported) {
-  for (const std::string content :
-       {"", "not a list", "<plist><array/></plist>", "bplist00garbage"}) {
-    SCOPED_TRACE(content);
+  for (const std::string& content :
+       {std::string(), std::string("not a list"), std::string("<plist><array/></plist>"),
+        std::string("bplist00garbage"), std::string(PropertyList::maxBytes + 1, ' ')}) {
+    SCOPED_TRACE(content.substr(0, 40));
     support::writeFile(file, content);
     UserDefaults defaults(file);
     EXPECT_TRUE(defaults.loadProblem());
