@@ -19,9 +19,21 @@ class Companion::Requests : public DaemonRequests {
   AppState& state_;
 };
 
-Companion::Companion(Platform platform, ProcessIdentity identity)
+std::unique_ptr<Companion> Companion::create(Platform platform, ProcessIdentity identity) {
+  InstanceLock instance;
+  const auto outcome = instance.acquire(identity.directories.state);
+  if (outcome == InstanceLock::Outcome::taken) return nullptr;
+  std::unique_ptr<Companion> companion(
+      new Companion(platform, std::move(identity), std::move(instance)));
+  if (outcome == InstanceLock::Outcome::unavailable)
+    companion->log_.write("ERROR state directory cannot be used; other instances go unnoticed");
+  return companion;
+}
+
+Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock instance)
     : platform_(platform),
       identity_(std::move(identity)),
+      instance_(std::move(instance)),
       log_(identity_.directories.logs),
       defaults_(identity_.directories.defaultsFile),
       state_(defaults_),
@@ -46,17 +58,12 @@ Companion::Companion(Platform platform, ProcessIdentity identity)
 
 Companion::~Companion() = default;
 
-bool Companion::start() {
-  const auto lock = instance_.acquire(identity_.directories.state);
-  if (lock == InstanceLock::Outcome::taken) return false;
-  if (lock == InstanceLock::Outcome::unavailable)
-    log_.write("ERROR state directory cannot be used; other instances go unnoticed");
+void Companion::start() {
   if (defaults_.loadProblem()) log_.write("ERROR " + *defaults_.loadProblem());
 
   supervisor_.killStrayDaemons(identity_.processId);
   startControlServer();
   supervisor_.launchDaemon(std::nullopt);
-  return true;
 }
 
 void Companion::startControlServer() {

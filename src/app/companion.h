@@ -47,11 +47,12 @@ struct ProcessIdentity {
 
 class Companion {
  public:
-  Companion(Platform platform, ProcessIdentity identity);
+  /// Null when another instance already runs: its settings and its daemon were not touched then.
+  static std::unique_ptr<Companion> create(Platform platform, ProcessIdentity identity);
   ~Companion();
 
-  /// False when another instance already runs; nothing was started then.
-  bool start() VESKO_REQUIRES(mainThread);
+  /// Once.
+  void start() VESKO_REQUIRES(mainThread);
 
   /// Stops the daemon and the control server and calls `done` once the daemon has ended: at its own
   /// pace, or killed after the grace time. Once.
@@ -62,6 +63,7 @@ class Companion {
  private:
   class Requests;
 
+  Companion(Platform platform, ProcessIdentity identity, InstanceLock instance);
   void startControlServer() VESKO_REQUIRES(mainThread);
   DaemonLaunchInputs launchInputs(std::optional<std::string> pairingCode) const;
 

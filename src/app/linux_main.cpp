@@ -69,32 +69,34 @@ int run() {
   X11Pasteboard pasteboard;
   X11ScreenSource screen;
 
-  Companion companion({.loop = loop,
-                       .processes = processes,
-                       .hostNames = hostNames,
-                       .permissions = permissions,
-                       .input = input,
-                       .pasteboard = pasteboard,
-                       .screen = screen},
-                      {.bundle = *bundle,
-                       .directories = directories,
-                       .executable = executable,
-                       .environment = ownEnvironment(),
-                       .processId = ::getpid()});
+  const auto companion = Companion::create({.loop = loop,
+                                            .processes = processes,
+                                            .hostNames = hostNames,
+                                            .permissions = permissions,
+                                            .input = input,
+                                            .pasteboard = pasteboard,
+                                            .screen = screen},
+                                           {.bundle = *bundle,
+                                            .directories = directories,
+                                            .executable = executable,
+                                            .environment = ownEnvironment(),
+                                            .processId = ::getpid()});
+
+  if (!companion) {
+    fmt::print(stderr, "VeskoCompanion: already running\n");
+    return 0;
+  }
 
   bool ending = false;
   const auto end = [&] {
     assertMainThread();
     if (std::exchange(ending, true)) return;
-    companion.terminate([&loop] { loop.quit(); });
+    companion->terminate([&loop] { loop.quit(); });
   };
   const UnixSignal terminated(SIGTERM, end);
   const UnixSignal interrupted(SIGINT, end);
 
-  if (!companion.start()) {
-    fmt::print(stderr, "VeskoCompanion: already running\n");
-    return 0;
-  }
+  companion->start();
   loop.run();
   return 0;
 }

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <memory>
 
+#include "state/app_state.h"
 #include "support/tls_client.h"
 
 namespace vesko::test {
@@ -130,9 +131,13 @@ TEST(CompanionProcess, runsOnceForAUser) {
   DaemonLink daemon = installation.nextDaemon();
   const auto server = daemon.announcement();
   ASSERT_TRUE(server);
+  // What the first may have noted for the next start is not for the second.
+  const auto defaults = installation.directories().defaultsFile;
+  ASSERT_TRUE(UserDefaults(defaults).set(defaultsKeys::screenRecordingRelaunchPending, true));
   const auto second = installation.start();
   EXPECT_EQ(second->waitForExit(), 0);
   EXPECT_NE(second->err().find("already running"), std::string::npos);
+  EXPECT_TRUE(UserDefaults(defaults).flag(defaultsKeys::screenRecordingRelaunchPending));
   EXPECT_TRUE(daemon.say("still here"));
   EXPECT_TRUE(installation.waitForLog("daemon: still here"));
   EXPECT_FALSE(contains(daemon.reports(), "term"));
@@ -143,6 +148,7 @@ TEST(CompanionProcess, runsOnceForAUser) {
   EXPECT_EQ(first->waitForExit(), 128 + SIGKILL);
   const auto third = installation.start();
   EXPECT_TRUE(installation.nextDaemon().announcement());
+  EXPECT_FALSE(UserDefaults(defaults).flag(defaultsKeys::screenRecordingRelaunchPending));
 }
 
 TEST(CompanionProcess, runsBesideThatOfAnotherHome) {
