@@ -1,16 +1,31 @@
 #include "control_server/worker_pool.h"
 
+#include <system_error>
 #include <utility>
 
 namespace vesko {
 
 void WorkerPool::post(Job job) {
-  const std::lock_guard lock(mutex_);
-  if (cancelled_) return;
-  jobs_.push_back(std::move(job));
-  if (jobs_.size() > idle_ && threads_.size() < maxThreads_)
+  {
+    const std::lock_guard lock(mutex_);
+    if (cancelled_) return;
+    const bool wanted = jobs_.size() >= idle_ && threads_.size() < maxThreads_;
+    if ((wanted && addThread()) || !threads_.empty()) {
+      jobs_.push_back(std::move(job));
+      wake_.notify_one();
+      return;
+    }
+  }
+  job();
+}
+
+bool WorkerPool::addThread() {
+  try {
     threads_.emplace_back([this] { work(); });
-  wake_.notify_one();
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
 }
 
 WorkerPool::~WorkerPool() {

@@ -22,13 +22,15 @@ class WorkerPool {
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
 
-  /// Any thread. Jobs begin in the order of posting. After cancel() they are dropped.
+  /// Any thread. Jobs begin in the order of posting. After cancel() they are dropped. Where the
+  /// system refuses a thread, those there are do the work, or else the caller.
   void post(Job job);
 
   /// Any thread. Drops the jobs that have not begun; does not wait for those that have.
   void cancel();
 
  private:
+  bool addThread();
   void work();
 
   const std::size_t maxThreads_;
