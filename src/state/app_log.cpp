@@ -4,11 +4,23 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/file.h"
 
 namespace vesko {
+namespace {
+
+// As much of it as the log takes, without a part of a character at its end.
+std::string_view beginning(std::string_view message) {
+  if (message.size() <= AppLog::maxMessageBytes) return message;
+  std::size_t end = AppLog::maxMessageBytes;
+  while (end > 0 && (static_cast<unsigned char>(message[end]) & 0xC0) == 0x80) --end;
+  return message.substr(0, end);
+}
+
+}  // namespace
 
 AppLog::AppLog(std::filesystem::path directory, std::function<std::time_t()> clock)
     : directory_(std::move(directory)), file_(directory_ / "app.log"), clock_(std::move(clock)) {}
@@ -26,9 +38,13 @@ void AppLog::write(std::string_view message) {
   const std::time_t now = clock_();
   std::tm utc{};
   ::gmtime_r(&now, &utc);
-  const std::string line =
-      fmt::format("[{:04}-{:02}-{:02} {:02}:{:02}:{:02} +0000] {}\n", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, message);
+  std::string line = fmt::format("[{:04}-{:02}-{:02} {:02}:{:02}:{:02} +0000] ", utc.tm_year + 1900,
+                                 utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+  const auto shown = beginning(message);
+  line += shown;
+  if (shown.size() < message.size()) line += fmt::format(" ... ({} bytes)", message.size());
+  std::ranges::replace(line, '\n', ' ');
+  line += '\n';
 
   const off_t start = ::lseek(logHandle_.get(), 0, SEEK_CUR);
   ssize_t written = 0;

@@ -17,9 +17,6 @@ constexpr std::string_view historyPrefix = "[veskokit:history] ";
 constexpr std::string_view statusPrefix = "[veskokit-status] ";
 constexpr std::string_view relayConnected = "[veskokit] relay connected as device ";
 
-// A line beyond this is shortened in the log: the log has room for two mebibytes in all.
-constexpr std::size_t maxLoggedBytes = 65'536;
-
 struct DaemonAppControlRequest {
   std::string veskokit;
   std::optional<std::string> path;
@@ -83,13 +80,13 @@ void DaemonRequests::requestPhotosAccess() {
   log_.write("ERROR Photos access requested without Photos setup");
 }
 
-void ControlLines::daemonLine(std::string_view line) {
+void ControlLines::daemonLine(std::string_view line, bool headLost) {
   assertMainThread();
-  handleDaemonLine(line);
+  handleDaemonLine(line, headLost);
 }
 
-void ControlLines::handleDaemonLine(std::string_view line) {
-  logLine(line);
+void ControlLines::handleDaemonLine(std::string_view line, bool headLost) {
+  logLine(line, headLost);
   if (const auto message = behind(line, socialPrefix)) return requests_.socialMessage(*message);
   if (handleRequest(line)) return;
   if (const auto record = behind(line, importPrefix)) {
@@ -111,13 +108,12 @@ void ControlLines::handleDaemonLine(std::string_view line) {
   }
 }
 
-void ControlLines::logLine(std::string_view line) {
+void ControlLines::logLine(std::string_view line, bool headLost) {
   if (line.empty()) return;
-  if (const auto marker = line.find(socialPayload); marker != std::string_view::npos) {
+  if (headLost) {
+    log_.write("daemon: {redacted}");  // it may be the end of a social payload
+  } else if (const auto marker = line.find(socialPayload); marker != std::string_view::npos) {
     log_.write(fmt::format("daemon: {}{}{{redacted}}", line.substr(0, marker), socialPrefix));
-  } else if (line.size() > maxLoggedBytes) {
-    log_.write(
-        fmt::format("daemon: {} ... ({} bytes)", line.substr(0, maxLoggedBytes), line.size()));
   } else {
     log_.write(fmt::format("daemon: {}", line));
   }
@@ -125,7 +121,8 @@ void ControlLines::logLine(std::string_view line) {
 
 bool ControlLines::handleRequest(std::string_view line) {
   // Only an object can be a request; most lines are not, and need no parser to tell.
-  if (!trim(line.substr(0, 64)).starts_with('{')) return false;
+  const auto first = line.find_first_not_of(" \t\r");
+  if (first == std::string_view::npos || line[first] != '{') return false;
   const auto request = json::decode<DaemonAppControlRequest>(line);
   if (!request) return false;
   handleAppControl(request->veskokit, request->path, request->scope);

@@ -31,7 +31,7 @@ class DaemonRequests {
   virtual void socialDaemonRestarted() {}
   virtual void abortSocialStreams() {}
 
-  /// The daemon holds the relay connection. An unset id is not known.
+  /// The daemon holds the relay connection as this device.
   virtual void confirmPairing(const std::string& deviceId) = 0;
   /// The code of the attempt under way was refused.
   virtual void retirePairingCode() {}
@@ -52,7 +52,8 @@ class ControlLines : public DaemonObserver {
         imports_(imports),
         requests_(requests) {}
 
-  void handleDaemonLine(std::string_view line) VESKO_REQUIRES(mainThread);
+  /// With `headLost` as in DaemonObserver::daemonLine.
+  void handleDaemonLine(std::string_view line, bool headLost = false) VESKO_REQUIRES(mainThread);
 
   /// Writes one encoded line; the label only names it in the log. False when it was not written.
   bool sendDaemonControl(std::string_view line, std::string_view label) VESKO_REQUIRES(mainThread);
@@ -71,12 +72,12 @@ class ControlLines : public DaemonObserver {
   void sendSystemDidWake() VESKO_REQUIRES(mainThread);
 
   void daemonStarted() override;
-  void daemonLine(std::string_view line) override;
+  void daemonLine(std::string_view line, bool headLost) override;
   void daemonStopping() override;
   void daemonInterrupted(std::string_view cause) override;
 
  private:
-  void logLine(std::string_view line) VESKO_REQUIRES(mainThread);
+  void logLine(std::string_view line, bool headLost) VESKO_REQUIRES(mainThread);
   bool handleRequest(std::string_view line) VESKO_REQUIRES(mainThread);
   void handleAppControl(const std::string& kind, const std::optional<std::string>& path,
                         const std::optional<std::string>& scope) VESKO_REQUIRES(mainThread);

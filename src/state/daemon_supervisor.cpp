@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <csignal>
+#include <utility>
 
 #include "base/utf8.h"
 
@@ -96,22 +98,29 @@ void DaemonSupervisor::stopDaemon() {
   ++state.daemonGeneration;
   state.heldDaemonLaunch = {};
   observer_->daemonStopping();
-  output_.clear();
+  clearOutput();
   if (!process_) return;
   // Without its handlers this stop can never look like a death that needs a restart.
   const auto process = std::exchange(process_, nullptr);
-  if (process->running())
-    context_.killer.end(context_.processes.open(process->pid()), process->pid(), "daemon");
+  if (!process->running()) return;
+  if (auto reference = context_.processes.open(process->pid())) {
+    context_.killer.end(std::move(reference), process->pid(), "daemon");
+  } else {
+    process->signal(SIGTERM);  // no descriptor left for a reference: then without the grace time
+  }
 }
 
 void DaemonSupervisor::handleOutput(std::string_view chunk, std::uint64_t generation) {
   if (generation != context_.state.daemonGeneration) return;
-  if (!isValidUtf8(chunk)) return;
+  if (!isValidUtf8(chunk)) {
+    headLost_ = !chunk.ends_with('\n') || (headLost_ && output_.midLine());
+    return;
+  }
   output_.append(
       chunk,
       [this, generation](std::string_view line) {
         assertMainThread();
-        observer_->daemonLine(line);
+        observer_->daemonLine(line, std::exchange(headLost_, false));
         // The line may have stopped or replaced the daemon; the rest is then no longer wanted.
         return generation == context_.state.daemonGeneration;
       },
@@ -119,6 +128,11 @@ void DaemonSupervisor::handleOutput(std::string_view chunk, std::uint64_t genera
         context_.log.write(fmt::format("ERROR daemon line longer than {} bytes was dropped",
                                        LineSplitter::maxLineBytes));
       });
+}
+
+void DaemonSupervisor::clearOutput() {
+  output_.clear();
+  headLost_ = false;
 }
 
 void DaemonSupervisor::handleDaemonExit(ProcessExit exit, std::uint64_t generation) {
@@ -130,7 +144,7 @@ void DaemonSupervisor::handleDaemonExit(ProcessExit exit, std::uint64_t generati
   // This runs inside the process's own notice, so the object goes later.
   context_.loop.post([ended = std::move(process_)] {});
   process_ = nullptr;
-  output_.clear();
+  clearOutput();
   if (reason && !survivesExit(state.status->kind))
     state.status.set(Status::helperUnavailable("Vesko's helper stopped (" + *reason + ")"));
   if (shouldRun()) scheduleRestart();

@@ -29,8 +29,9 @@ class DaemonObserver {
   virtual ~DaemonObserver() = default;
   /// The process runs and can be written to.
   virtual void daemonStarted() = 0;
-  /// One line of its output, without the newline.
-  virtual void daemonLine(std::string_view line) = 0;
+  /// One line of its output, without the newline. `headLost`: what came before it in the same line
+  /// was not UTF-8 and was dropped, so that nothing tells what kind of line it was.
+  virtual void daemonLine(std::string_view line, bool headLost) = 0;
   /// It is about to be stopped; it may have ended already.
   virtual void daemonStopping() = 0;
   /// What it was working on is lost, for example by "daemon exit".
@@ -88,6 +89,7 @@ class DaemonSupervisor : public DaemonChannel {
 
  private:
   void start(ProcessLaunch launch) VESKO_REQUIRES(mainThread);
+  void clearOutput() VESKO_REQUIRES(mainThread);
   void handleOutput(std::string_view chunk, std::uint64_t generation) VESKO_REQUIRES(mainThread);
   void handleDaemonExit(ProcessExit exit, std::uint64_t generation) VESKO_REQUIRES(mainThread);
   void scheduleRestart() VESKO_REQUIRES(mainThread);
@@ -97,6 +99,7 @@ class DaemonSupervisor : public DaemonChannel {
   DaemonObserver* observer_ = nullptr;
   std::unique_ptr<ChildProcess> process_ VESKO_GUARDED_BY(mainThread);
   LineSplitter output_ VESKO_GUARDED_BY(mainThread);
+  bool headLost_ VESKO_GUARDED_BY(mainThread) = false;  ///< of the line that output_ completes next
   Timer restartTask_ VESKO_GUARDED_BY(mainThread);
 };
 

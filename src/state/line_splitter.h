@@ -36,6 +36,9 @@ class LineSplitter {
 
   void clear();
 
+  /// The stream so far does not end with a newline.
+  bool midLine() const { return dropping_ || !buffer_.empty(); }
+
  private:
   template <class OnLine>
   bool finishLine(std::string_view end, OnLine&& onLine) {

@@ -92,7 +92,7 @@ std::optional<std::filesystem::path> FakeProcessHost::executablePath(pid_t pid) 
 
 std::unique_ptr<ProcessReference> FakeProcessHost::open(pid_t pid) {
   const auto found = table_.find(pid);
-  if (found == table_.end() || !found->second->alive) return nullptr;
+  if (openFails || found == table_.end() || !found->second->alive) return nullptr;
   return std::make_unique<Reference>(*this, found->second);
 }
 

@@ -49,6 +49,8 @@ class FakeProcessHost : public ProcessHost {
   std::vector<std::shared_ptr<Process>> children;
   /// When set, launches fail with it.
   std::string launchFailure;
+  /// open() finds nothing, as without a free descriptor.
+  bool openFails = false;
 
  private:
   class Child;

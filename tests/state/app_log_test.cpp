@@ -27,8 +27,11 @@ TEST(AppLog, rotatesBehindTheLineThatCrossesTheLimitAndKeepsOneGeneration) {
   const support::TemporaryDirectory root;
   AppLog log(root.path(), [] { return std::time_t{0}; });
   const auto fill = [&](char mark) {
-    // One line that leaves the file at exactly the limit, which does not rotate yet.
-    log.write(std::string(AppLog::logMaxBytes - dateBytes - 1, mark));
+    // Lines that leave the file at exactly the limit, which does not rotate yet.
+    constexpr std::size_t lineBytes = AppLog::maxMessageBytes;
+    static_assert(AppLog::logMaxBytes % lineBytes == 0);
+    for (std::size_t size = 0; size < AppLog::logMaxBytes; size += lineBytes)
+      log.write(std::string(lineBytes - dateBytes - 1, mark));
   };
   fill('a');
   EXPECT_FALSE(std::filesystem::exists(root / "app.log.1"));
@@ -40,6 +43,21 @@ TEST(AppLog, rotatesBehindTheLineThatCrossesTheLimitAndKeepsOneGeneration) {
   log.write("new");
   EXPECT_TRUE(contentOf(root / "app.log.1").ends_with("] second\n"));
   EXPECT_EQ(contentOf(root / "app.log"), "[1970-01-01 00:00:00 +0000] new\n");
+}
+
+TEST(AppLog, keepsEveryMessageOnOneLineOfBoundedLength) {
+  const support::TemporaryDirectory root;
+  AppLog log(root.path(), [] { return std::time_t{0}; });
+  const std::string date = "[1970-01-01 00:00:00 +0000] ";
+  log.write("one\n" + date + "two\n");
+  const std::string most(AppLog::maxMessageBytes, 'a');
+  log.write(most);
+  log.write(most + "a");
+  // The third byte of the euro sign would be the first that no longer fits.
+  log.write(most.substr(2) + "\u20AC!");
+  EXPECT_EQ(contentOf(root / "app.log"), date + "one " + date + "two \n" + date + most + "\n" +
+                                             date + most + " ... (65537 bytes)\n" + date +
+                                             most.substr(2) + " ... (65538 bytes)\n");
 }
 
 TEST(AppLog, losesOnlyTheLinesThatAFullDiskRefuses) {

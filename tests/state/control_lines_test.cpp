@@ -125,6 +125,9 @@ TEST_F(ControlLinesTest, requestsOfTheDaemon) {
                       "ignoring folder grant request with no path and no home scope"},
            std::tuple{R"({"veskokit":"withdraw_folder_grant","path":"/x"})", "withdraw /x;", ""},
            std::tuple{R"({"veskokit":"request_photos_access"})", "photos;", ""},
+           std::tuple{R"(                                                                        )"
+                      R"({"veskokit":"request_photos_access"})",
+                      "photos;", ""},
            std::tuple{R"({"veskokit":"app_update_check"})", "",
                       "ERROR app update check requested without update handler"},
            std::tuple{R"({"veskokit":"request_photos_access"} x)", "", ""},
@@ -216,10 +219,16 @@ TEST_F(ControlLinesTest, aClosedPortIsNotHandedToALaterDaemon) {
   EXPECT_EQ(logged().find("HANDSHAKE"), std::string::npos);
 }
 
-TEST_F(ControlLinesTest, aHugeLineIsShortenedInTheLogOnly) {
-  say("disconnected" + std::string(300'000, 'x'));
-  EXPECT_LT(logged().size(), 100'000U);
-  EXPECT_TRUE(logs("(300012 bytes)"));
+TEST_F(ControlLinesTest, hugeLinesAreShortenedInTheLogOnly) {
+  const std::string huge(300'000, 'x');
+  state.status.set(Status::connected("d"));
+  say(huge + "disconnected");
+  EXPECT_EQ(*state.status, Status::connecting());
+  EXPECT_TRUE(logs("(300020 bytes)"));
+  say(huge + "[veskokit:social] {\"a\":1}");
+  say("[veskokit-status] {\"state\":\"" + huge + "\"}");
+  EXPECT_TRUE(logs("unknown daemon presence state=xxx"));
+  EXPECT_LT(logged().size(), 300'000U);
 }
 
 }  // namespace

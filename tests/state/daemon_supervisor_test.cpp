@@ -166,6 +166,13 @@ TEST_F(DaemonSupervisorTest, aDaemonThatIgnoresTheRequestIsKilledAfterThreeSecon
   EXPECT_TRUE(idle);
 }
 
+TEST_F(DaemonSupervisorTest, asksTheDaemonToEndEvenWithoutADescriptorToWatchIt) {
+  supervisor.launchDaemon(std::nullopt);
+  host.openFails = true;
+  supervisor.stopDaemon();
+  EXPECT_EQ(child().signals, std::vector{SIGTERM});
+}
+
 TEST_F(DaemonSupervisorTest, outputAndNoticesOfAReplacedDaemonAreDropped) {
   supervisor.launchDaemon(std::nullopt);
   child().emit("[veskokit-status] {\"state\":\"backend_unre");
@@ -196,6 +203,33 @@ TEST_F(DaemonSupervisorTest, aChunkThatIsNotUtf8IsDroppedWhole) {
   EXPECT_EQ(state.status->kind, Kind::backendUnreachable);
   EXPECT_EQ(logged().find("good"), std::string::npos);
   EXPECT_EQ(logged().find("after"), std::string::npos);
+}
+
+TEST_F(DaemonSupervisorTest, theRestOfALineWhoseHeadWasDroppedIsHandledButNotLogged) {
+  supervisor.launchDaemon(std::nullopt);
+  for (const std::vector<std::string>& chunks : {
+           std::vector<std::string>{"[veskokit:social] {\"a\":\"\xC3", "\xA9", "S3CRET\"}\n"},
+           {"whole\n[veskokit:social] {\"a\":\"\xC3", "S3CRET", "\xA9\n", "S3CRET\"}\n"},
+           {"head ", "\xC3", "S3CRET disconnected\n"},
+       }) {
+    SCOPED_TRACE(chunks.front());
+    state.status.set(Status::connected("d"));
+    for (const std::string& chunk : chunks) child().emit(chunk);
+    EXPECT_EQ(logged().find("S3CRET"), std::string::npos);
+    EXPECT_EQ(logged().find("head"), std::string::npos);
+    child().emit("next\n");
+    EXPECT_TRUE(logs("daemon: {redacted}\n[1970-01-01 00:00:00 +0000] daemon: next\n"));
+  }
+  EXPECT_EQ(*state.status, Status::connecting()) << "the last line says so";
+
+  // Dropped lines that were whole take nothing from the next, and neither does an earlier daemon.
+  child().emit("\xFF garbage\n");
+  child().emit("whole\n");
+  EXPECT_TRUE(logs("daemon: whole"));
+  child().emit("\xFF");
+  supervisor.relaunchDaemon();
+  child().emit("new\n");
+  EXPECT_TRUE(logs("daemon: new"));
 }
 
 TEST_F(DaemonSupervisorTest, launchesWaitForUnpairWipes) {
