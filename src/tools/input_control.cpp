@@ -13,6 +13,9 @@
 namespace vesko {
 namespace {
 
+/// How long a paste waits for its program; one that takes nothing on this key costs it all.
+constexpr std::chrono::milliseconds pasteBound{1000};
+
 using Kind = MouseEvent::Kind;
 
 std::unexpected<InputControl::ControlError> invalid(std::string message) {
@@ -120,7 +123,11 @@ InputControl::Done InputControl::type(const TypeRequest& request) {
     const auto stroke = keyNamed("v");
     const MutexLock lock(mutex_);
     if (auto set = setClipboard(request.text); !set) return set;
-    return post(keyPress({stroke->key, key_flags::command}));
+    const std::uint64_t reads = pasteboard_.reads();
+    const Done posted = post(keyPress({stroke->key, key_flags::command}));
+    // Programs fetch the text only after the key, and the clipboard may change once this returns.
+    if (posted) pasteboard_.awaitReadBeyond(reads, pasteBound);
+    return posted;
   }
   if (method != "keystroke") return invalid("method must be keystroke or paste");
 

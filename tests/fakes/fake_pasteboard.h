@@ -22,6 +22,15 @@ class FakePasteboard : public Pasteboard {
     text_ = text;
     return true;
   }
+  std::uint64_t reads() override {
+    const MutexLock lock(mutex_);
+    return reads_;
+  }
+  /// Nobody else runs, so what a paste waits for happens now: its target reads the text.
+  void awaitReadBeyond(std::uint64_t seen, std::chrono::milliseconds) override {
+    const MutexLock lock(mutex_);
+    if (reads_ <= seen) reads_ = seen + 1;
+  }
   void setWritable(bool writable) {
     const MutexLock lock(mutex_);
     writable_ = writable;
@@ -30,6 +39,7 @@ class FakePasteboard : public Pasteboard {
  private:
   Mutex mutex_;
   std::optional<std::string> text_ VESKO_GUARDED_BY(mutex_);
+  std::uint64_t reads_ VESKO_GUARDED_BY(mutex_) = 0;
   bool writable_ VESKO_GUARDED_BY(mutex_) = true;
 };
 

@@ -130,6 +130,7 @@ TEST_F(InputControlTest, PastesThroughTheClipboardAndLeavesItThere) {
             (std::vector<InputEvent>{KeyEvent{9, true, key_flags::command, {}},
                                      KeyEvent{9, false, key_flags::command, {}}}));
   EXPECT_EQ(input.clipboardGet()->text, "new");
+  EXPECT_EQ(pasteboard.reads(), 1U) << "did not wait for the program";
   pasteboard.setWritable(false);
   EXPECT_EQ(outcome(input.type({"lost", "paste"})), "could not write the clipboard");
   EXPECT_EQ(outcome(input.clipboardSet({"lost"})), "could not write the clipboard");

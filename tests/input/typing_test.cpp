@@ -150,6 +150,18 @@ TEST_P(ToolkitTest, ShortcutsSelectCopyAndDelete) {
   expectText(program, "+");
 }
 
+TEST_P(ToolkitTest, TheClipboardMayChangeOnceAPasteHasReturned) {
+  Program program(command());
+  ASSERT_TRUE(program.waitReady());
+  std::string expected;
+  for (int round = 0; round < 10; ++round) {
+    ASSERT_TRUE(input.type({"pasted日 ", "paste"}).has_value());
+    ASSERT_TRUE(input.clipboardSet({"another text"}).has_value());
+    expected += "pasted日 ";
+  }
+  expectText(program, expected);
+}
+
 INSTANTIATE_TEST_SUITE_P(Toolkits, ToolkitTest,
                          testing::Values(Toolkit{"Gtk3", {"input_app_gtk3", "text"}},
                                          Toolkit{"Gtk4", {"input_app_gtk4"}},

@@ -26,4 +26,14 @@ bool X11Pasteboard::setText(std::string_view text) {
   return owner_->offer(std::string(text));
 }
 
+std::uint64_t X11Pasteboard::reads() {
+  const MutexLock lock(ownerMutex_);
+  return owner_ ? owner_->reads() : 0;
+}
+
+void X11Pasteboard::awaitReadBeyond(std::uint64_t seen, std::chrono::milliseconds bound) {
+  const MutexLock lock(ownerMutex_);
+  if (owner_) owner_->awaitReadBeyond(seen, bound);
+}
+
 }  // namespace vesko

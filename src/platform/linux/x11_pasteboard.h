@@ -32,6 +32,8 @@ class X11Pasteboard : public Pasteboard {
 
   std::optional<std::string> text() override;
   [[nodiscard]] bool setText(std::string_view text) override;
+  std::uint64_t reads() override;
+  void awaitReadBeyond(std::uint64_t seen, std::chrono::milliseconds bound) override;
 
  private:
   const std::chrono::milliseconds readBound_;

@@ -84,6 +84,21 @@ bool X11SelectionOwner::offer(std::string text) {
   return settled && !dead_ && owned_;
 }
 
+std::uint64_t X11SelectionOwner::reads() const {
+  const std::lock_guard lock(mutex_);
+  return reads_;
+}
+
+void X11SelectionOwner::awaitReadBeyond(std::uint64_t seen, std::chrono::milliseconds bound) {
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, bound, [&] { return dead_ || reads_ > seen; });
+}
+
+void X11SelectionOwner::countRead() {
+  ++reads_;
+  changed_.notify_all();
+}
+
 void X11SelectionOwner::run() {
   for (;;) {
     const XcbPtr<xcb_generic_event_t> event(xcb_wait_for_event(connection_));
@@ -228,6 +243,7 @@ void X11SelectionOwner::sendText(xcb_window_t requestor, xcb_atom_t property, xc
   if (text->size() <= pieceBytes) {
     xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, requestor, property, type, 8,
                         static_cast<std::uint32_t>(text->size()), text->data());
+    countRead();
     return;
   }
   // Whoever deletes the property asks for the next piece.
@@ -258,6 +274,7 @@ void X11SelectionOwner::sendNextPiece(const xcb_property_notify_event_t& event) 
   if (!piece.empty()) return;
   const xcb_window_t requestor = transfer->requestor;
   transfers_.erase(transfer);
+  countRead();
   if (std::ranges::find(transfers_, requestor, &Transfer::requestor) == transfers_.end()) {
     const std::uint32_t none = XCB_EVENT_MASK_NO_EVENT;
     xcb_change_window_attributes(connection_, requestor, XCB_CW_EVENT_MASK, &none);

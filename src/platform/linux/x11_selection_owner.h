@@ -34,6 +34,11 @@ class X11SelectionOwner {
   /// Returns when the selection is owned with this text; false when it could not be had in time.
   bool offer(std::string text);
 
+  /// How many times a whole text was handed over.
+  std::uint64_t reads() const;
+  /// Waits until reads() is beyond `seen`, the display is gone or `bound` has passed.
+  void awaitReadBeyond(std::uint64_t seen, std::chrono::milliseconds bound);
+
  private:
   using Text = std::shared_ptr<const std::string>;
   using Clock = std::chrono::steady_clock;
@@ -60,6 +65,7 @@ class X11SelectionOwner {
   void sendText(xcb_window_t requestor, xcb_atom_t property, xcb_atom_t type, Text text);
   void sendNextPiece(const xcb_property_notify_event_t& event);
   void dropStaleTransfers();
+  void countRead();
   bool isTextTarget(xcb_atom_t target);
 
   // Of the thread, but for sending and for what is set before it starts.
@@ -77,6 +83,7 @@ class X11SelectionOwner {
   Text offered_;
   std::uint64_t offers_ = 0;
   std::uint64_t settledOffers_ = 0;
+  std::uint64_t reads_ = 0;
   bool owned_ = false;
   bool stopping_ = false;
   bool dead_ = false;
