@@ -5,6 +5,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -54,7 +55,11 @@ class ControlServer::Core {
     onFailure_ = std::move(failed);
     if (cancelled()) return;
     asio::post(io_, [this] { openListener(); });
-    thread_ = std::thread([this] { io_.run(); });
+    try {
+      thread_ = std::thread([this] { io_.run(); });
+    } catch (const std::system_error& error) {
+      onFailure_(error.what());
+    }
   }
 
   void stop() {

@@ -59,9 +59,9 @@ class ControlServer {
   /// thread that destroys the server.
   ~ControlServer();
 
-  /// Set before start(). Called on the queue; they do not wait for the owner's thread and do not
-  /// destroy the server.
-  /// The encoded Handshake, each time a listener is ready.
+  /// Set before start(). Called on the queue, or by start() when it fails; they do not wait for the
+  /// owner's thread and do not destroy the server. The encoded Handshake, each time a listener is
+  /// ready.
   std::function<void(std::string handshake)> onReady;
   /// The listener has failed; a new one, at another port, follows after the restart delay.
   std::function<void(std::string message)> onFailure;

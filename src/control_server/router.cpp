@@ -23,10 +23,6 @@ struct StatusResponse {
   }
 };
 
-std::string_view permissionName(Precondition precondition) {
-  return precondition == Precondition::accessibility ? "accessibility" : "screen_recording";
-}
-
 }  // namespace
 
 HTTPResponse invalidRequestResponse() {
@@ -62,20 +58,9 @@ std::expected<const Route*, HTTPResponse> Router::admit(const HTTPRequest& reque
 }
 
 HTTPResponse Router::run(const Route& route, const HTTPRequest& request) const {
-  if (!permitted(route.precondition)) return permissionResponse(permissionName(route.precondition));
+  if (route.precondition == Precondition::accessibility && !probes_.accessibilityTrusted())
+    return permissionResponse("accessibility");
   return route.handler(request);
-}
-
-bool Router::permitted(Precondition precondition) const {
-  switch (precondition) {
-    case Precondition::none:
-      return true;
-    case Precondition::accessibility:
-      return probes_.accessibilityTrusted();
-    case Precondition::screenRecording:
-      return probes_.screenCaptureAllowed();
-  }
-  return false;
 }
 
 }  // namespace vesko

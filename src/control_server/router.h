@@ -21,7 +21,7 @@
 
 namespace vesko {
 
-enum class Precondition { none, accessibility, screenRecording };
+enum class Precondition { none, accessibility };
 
 /// Where a handler runs. A handler that only reads memory may answer on the I/O thread; anything
 /// that can wait, for a lock or for another process, belongs on a worker.
@@ -43,11 +43,10 @@ struct NoBody {};
 
 /// A route from a tool: `tool(const Request&)` returns std::expected<Response, E>, where Response
 /// is a record or void (answered with OKResponse), and `mapError(const E&)` makes the answer of a
-/// failure, of any status and body. `undecodable` answers a body that is not a Request.
+/// failure, of any status and body.
 template <class Request, class Tool, class MapError>
 Route toolRoute(std::string_view method, std::string_view path, Precondition precondition,
-                Tool tool, MapError mapError,
-                HTTPResponse (*undecodable)() = invalidRequestResponse) {
+                Tool tool, MapError mapError) {
   auto call = [tool = std::move(tool),
                mapError = std::move(mapError)](const Request& request) -> HTTPResponse {
     auto result = tool(request);
@@ -62,10 +61,9 @@ Route toolRoute(std::string_view method, std::string_view path, Precondition pre
     return {method, path, precondition,
             [call = std::move(call)](const HTTPRequest&) { return call(NoBody{}); }};
   } else {
-    return {method, path, precondition,
-            [call = std::move(call), undecodable](const HTTPRequest& request) {
+    return {method, path, precondition, [call = std::move(call)](const HTTPRequest& request) {
               const auto decoded = json::decode<Request>(request.body);
-              return decoded ? call(*decoded) : undecodable();
+              return decoded ? call(*decoded) : invalidRequestResponse();
             }};
   }
 }
@@ -86,7 +84,6 @@ class Router {
 
  private:
   bool authorized(const HTTPRequest& request) const;
-  bool permitted(Precondition precondition) const;
 
   const std::vector<Route> routes_;
   const std::string authorization_;

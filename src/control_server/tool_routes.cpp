@@ -7,14 +7,10 @@ HTTPResponse inputFailure(const InputControl::ControlError& error) {
   return errorResponse(400, error.message());
 }
 
-HTTPResponse invalidCaptureResponse() {
-  return errorResponse(400, "invalid capture request");
-}
-
 HTTPResponse captureFailure(const CaptureError& error) {
   switch (error.kind) {
     case CaptureError::Kind::invalidRequest:
-      return invalidCaptureResponse();
+      return errorResponse(400, "invalid capture request");
     case CaptureError::Kind::permissionDenied:
       return permissionResponse("screen_recording");
     default:
@@ -59,7 +55,7 @@ std::vector<Route> captureRoutes(ScreenCaptureService& capture) {
       toolRoute<CaptureRequest>(
           "POST", "/capture", Precondition::none,
           [&capture](const CaptureRequest& request) { return capture.capture(request); },
-          captureFailure, invalidCaptureResponse),
+          captureFailure),
   };
 }
 

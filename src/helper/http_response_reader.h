@@ -23,7 +23,7 @@ class HttpResponseReader {
 
   static constexpr std::size_t maxHeaderBytes = 32 * 1024;
 
-  explicit HttpResponseReader(std::size_t maxBodyBytes) : maxBodyBytes_(maxBodyBytes) {}
+  explicit HttpResponseReader(std::size_t bodyLimit) : maxBodyBytes_(bodyLimit) {}
 
   /// Any state but incomplete is final; bytes after a complete answer are ignored.
   State feed(std::string_view bytes);

@@ -147,7 +147,8 @@ void DaemonSupervisor::handleDaemonExit(ProcessExit exit, std::uint64_t generati
   clearOutput();
   if (reason && !survivesExit(state.status->kind))
     state.status.set(Status::helperUnavailable("Vesko's helper stopped (" + *reason + ")"));
-  if (shouldRun()) scheduleRestart();
+  // An observer of the status may have launched another one meanwhile.
+  if (generation == state.daemonGeneration && shouldRun()) scheduleRestart();
 }
 
 bool DaemonSupervisor::shouldRun() const {

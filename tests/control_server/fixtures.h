@@ -74,7 +74,7 @@ inline std::vector<Route> routesWithTools(PermissionProbes& probes) {
   routes.push_back(toolRoute<Division>("POST", "/divide", Precondition::accessibility, divide,
                                        divisionErrorResponse));
   routes.push_back(toolRoute<NoBody>(
-      "POST", "/shoot", Precondition::screenRecording,
+      "POST", "/rest", Precondition::none,
       [](const NoBody&) -> std::expected<void, DivisionError> { return {}; },
       divisionErrorResponse));
   return routes;

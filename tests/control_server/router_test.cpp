@@ -61,10 +61,7 @@ TEST_F(RouterTest, PermissionComesBeforeTheBody) {
   probes_.accessibility = false;
   EXPECT_EQ(ask("POST", "/divide", "not json"),
             (HTTPResponse{412, R"({"needs":"accessibility"})", {}}));
-  probes_.screenCapture = false;
-  EXPECT_EQ(ask("POST", "/shoot"), (HTTPResponse{412, R"({"needs":"screen_recording"})", {}}));
-  probes_.screenCapture = true;
-  EXPECT_EQ(ask("POST", "/shoot"), (HTTPResponse{200, R"({"ok":true})", {}}));
+  EXPECT_EQ(ask("POST", "/rest", "not json"), (HTTPResponse{200, R"({"ok":true})", {}}));
 }
 
 TEST_F(RouterTest, ToolOutcomes) {
