@@ -71,33 +71,38 @@ VESKO_INLINE std::uint64_t differenceOf(const void* a, const void* b) {
   return difference;
 }
 
-/// Weighs source rows of `count` bytes, `stride` bytes apart, into one row of floats.
-VESKO_INLINE void blendRows(const std::uint8_t* rows, std::ptrdiff_t stride, int rowCount,
-                            const float* weights, float* out, std::size_t count) {
-  constexpr std::size_t block = 32;
-  std::size_t i = 0;
-  for (; i + block <= count; i += block) {
-    // On screens most rows continue the one above: nothing to weigh there.
-    std::uint64_t difference = 0;
-    for (int k = 1; k < rowCount; ++k)
-      difference |= differenceOf<block>(rows + i, rows + k * stride + i);
-    if (difference == 0) {
-      for (std::size_t j = 0; j < block; ++j) out[i + j] = static_cast<float>(rows[i + j]);
-      continue;
-    }
-    float sums[block] = {};
-    for (int k = 0; k < rowCount; ++k) {
-      const std::uint8_t* bytes = rows + k * stride + i;
-      for (std::size_t j = 0; j < block; ++j) sums[j] += weights[k] * static_cast<float>(bytes[j]);
-    }
-    std::memcpy(out + i, sums, sizeof(sums));
+/// The source is looked at in blocks of so many pixels.
+constexpr int blockPixels = 8;
+constexpr std::size_t blockBytes = 4 * blockPixels;
+
+/// The source rows that one result row weighs.
+struct SourceRows {
+  const std::uint8_t* first = nullptr;
+  std::ptrdiff_t stride = 0;  ///< bytes
+  int count = 0;
+  const float* weights = nullptr;
+};
+
+/// Whether the block at byte `at` is of one colour: that of the pixel before it.
+VESKO_INLINE bool isFlat(const SourceRows& rows, std::size_t at) {
+  const std::uint8_t* block = rows.first + at;
+  std::uint64_t difference = at == 0 ? differenceOf<blockBytes - 8>(block, block + 4)
+                                     : differenceOf<blockBytes>(block, block - 4);
+  if (at == 0) difference |= differenceOf<8>(block, block + blockBytes - 8);
+  for (int k = 1; k < rows.count; ++k)
+    difference |= differenceOf<blockBytes>(block, block + k * rows.stride);
+  return difference == 0;
+}
+
+/// Weighs `count` bytes of the source rows into floats.
+VESKO_INLINE void blendRows(const SourceRows& rows, std::size_t at, std::size_t count, float* out) {
+  float sums[blockBytes] = {};
+  for (int k = 0; k < rows.count; ++k) {
+    const std::uint8_t* bytes = rows.first + k * rows.stride + at;
+    for (std::size_t j = 0; j < count; ++j)
+      sums[j] += rows.weights[k] * static_cast<float>(bytes[j]);
   }
-  for (; i < count; ++i) {
-    float sum = 0;
-    for (int k = 0; k < rowCount; ++k)
-      sum += weights[k] * static_cast<float>(rows[k * stride + static_cast<std::ptrdiff_t>(i)]);
-    out[i] = sum;
-  }
+  std::memcpy(out + at, sums, count * sizeof(float));
 }
 
 VESKO_INLINE Channels blendPixels(const float* row, const Taps::Span& span, const float* weights) {
@@ -128,55 +133,112 @@ VESKO_INLINE std::uint32_t toPixel(Channels sum, bool opaque) {
   return opaque ? pixel | 0xFF000000U : pixel;
 }
 
-VESKO_INLINE void scaleRow(const std::uint8_t* rows, std::ptrdiff_t stride, int rowCount,
-                           const float* rowWeights, float* blended, int* runs, std::size_t channels,
-                           const Taps::Span* spans, int width, const float* weights, bool opaque,
-                           std::uint32_t* out) {
-  blendRows(rows, stride, rowCount, rowWeights, blended, channels);
-  // For every pixel, where the run of equal ones that it belongs to begins.
-  runs[0] = 0;
-  const int pixels = static_cast<int>(channels / 4);
-  for (int x = 1; x < pixels; ++x) {
-    const float* pixel = blended + 4 * static_cast<std::ptrdiff_t>(x);
-    runs[x] = differenceOf<16>(pixel, pixel - 4) == 0 ? runs[x - 1] : x;
-  }
-  for (int x = 0; x < width; ++x) {
-    const Taps::Span& span = spans[x];
-    Channels sum;
-    if (runs[span.first + span.count - 1] <= span.first) {
-      std::memcpy(&sum, blended + 4 * static_cast<std::ptrdiff_t>(span.first), sizeof(sum));
-    } else {
-      sum = blendPixels(blended, span, weights + span.weights);
+/// Which result pixels the blocks of a row decide.
+struct Columns {
+  Taps taps;
+  std::vector<int> startsAt;  ///< for a block: the first result that weighs nothing before it
+  std::vector<int> endsBy;    ///< for a block: the first result that weighs something from it on
+
+  Columns(int from, int to) : taps(from, to) {
+    const int blocks = (from + blockPixels - 1) / blockPixels;
+    int starts = 0;
+    int ends = 0;
+    for (int b = 0; b <= blocks; ++b) {
+      const int pixel = b * blockPixels;
+      while (starts < to && span(starts).first < pixel) ++starts;
+      while (ends < to && span(ends).first + span(ends).count <= pixel) ++ends;
+      startsAt.push_back(starts);
+      endsBy.push_back(ends);
     }
-    out[x] = toPixel(sum, opaque);
+  }
+
+  const Taps::Span& span(int x) const { return taps.spans[static_cast<std::size_t>(x)]; }
+};
+
+/// Memory of one thread, made once for all its rows.
+struct Scratch {
+  explicit Scratch(std::size_t pixels)
+      : channels(4 * pixels),
+        blended(channels),
+        isBlended((pixels + blockPixels - 1) / blockPixels) {}
+
+  std::size_t channels;
+  std::vector<float> blended;  ///< the weighed rows, of blended blocks only
+  std::vector<char> isBlended;
+};
+
+/// Results from `begin` to `end` the long way: the rows are weighed where these need them.
+VESKO_INLINE void weighPixels(const SourceRows& rows, Scratch& scratch, const Columns& columns,
+                              int begin, int end, bool opaque, std::uint32_t* out) {
+  for (int x = begin; x < end; ++x) {
+    const Taps::Span& span = columns.span(x);
+    const auto last = static_cast<std::size_t>((span.first + span.count - 1) / blockPixels);
+    for (auto b = static_cast<std::size_t>(span.first / blockPixels); b <= last; ++b) {
+      if (scratch.isBlended[b]) continue;
+      scratch.isBlended[b] = 1;
+      const std::size_t at = b * blockBytes;
+      if (at + blockBytes <= scratch.channels)
+        blendRows(rows, at, blockBytes, scratch.blended.data());
+      else
+        blendRows(rows, at, scratch.channels - at, scratch.blended.data());
+    }
+    out[x] = toPixel(blendPixels(scratch.blended.data(), span, &columns.taps.weights[span.weights]),
+                     opaque);
   }
 }
 
-VESKO_INLINE void scaleRows(const Image& image, const Taps& columns, const Taps& rows, int begin,
+/// On screens most of a row is of one colour with its surroundings. A run of flat blocks is of one
+/// colour throughout, and so is every result that weighs nothing else.
+VESKO_INLINE void scaleRow(const SourceRows& rows, Scratch& scratch, const Columns& columns,
+                           bool opaque, std::uint32_t* out) {
+  std::ranges::fill(scratch.isBlended, 0);
+  const std::size_t whole = scratch.channels / blockBytes;
+  int done = 0;
+  for (std::size_t b = 0; b < whole;) {
+    if (!isFlat(rows, b * blockBytes)) {
+      ++b;
+      continue;
+    }
+    std::size_t end = b + 1;
+    while (end < whole && isFlat(rows, end * blockBytes)) ++end;
+    const int from = columns.startsAt[b];
+    const int to = columns.endsBy[end];
+    if (from < to) {
+      weighPixels(rows, scratch, columns, done, from, opaque, out);
+      Bytes bytes;
+      std::memcpy(&bytes, rows.first + b * blockBytes, sizeof(bytes));
+      std::fill(out + from, out + to, toPixel(__builtin_convertvector(bytes, Channels), opaque));
+      done = to;
+    }
+    b = end;
+  }
+  weighPixels(rows, scratch, columns, done, static_cast<int>(columns.taps.spans.size()), opaque,
+              out);
+}
+
+VESKO_INLINE void scaleRows(const Image& image, const Columns& columns, const Taps& rows, int begin,
                             int end, std::uint32_t* out) {
-  const std::size_t channels = 4 * static_cast<std::size_t>(image.size.width);
-  const auto width = static_cast<int>(columns.spans.size());
-  std::vector<float> blended(channels);
-  std::vector<int> runs(channels / 4);
-  for (int y = begin; y < end; ++y, out += width) {
+  Scratch scratch(static_cast<std::size_t>(image.size.width));
+  for (int y = begin; y < end; ++y, out += columns.taps.spans.size()) {
     const Taps::Span& span = rows.spans[static_cast<std::size_t>(y)];
-    scaleRow(reinterpret_cast<const std::uint8_t*>(image.row(span.first)), 4 * image.stride,
-             span.count, &rows.weights[span.weights], blended.data(), runs.data(), channels,
-             columns.spans.data(), width, columns.weights.data(), image.opaque, out);
+    const SourceRows source{reinterpret_cast<const std::uint8_t*>(image.row(span.first)),
+                            4 * static_cast<std::ptrdiff_t>(image.stride), span.count,
+                            &rows.weights[span.weights]};
+    scaleRow(source, scratch, columns, image.opaque, out);
   }
 }
 
 #if defined(__x86_64__) && !defined(VESKO_PORTABLE_VECTORS)
 // A third less time than with the vectors that every machine has, and the same bits: nothing is
 // fused.
-[[gnu::target("avx2")]] void scaleRowsWidely(const Image& image, const Taps& columns,
+[[gnu::target("avx2")]] void scaleRowsWidely(const Image& image, const Columns& columns,
                                              const Taps& rows, int begin, int end,
                                              std::uint32_t* out) {
   scaleRows(image, columns, rows, begin, end, out);
 }
 #endif
 
-void scaleRowsHere(const Image& image, const Taps& columns, const Taps& rows, int begin, int end,
+void scaleRowsHere(const Image& image, const Columns& columns, const Taps& rows, int begin, int end,
                    std::uint32_t* out) {
 #if defined(__x86_64__) && !defined(VESKO_PORTABLE_VECTORS)
   if (__builtin_cpu_supports("avx2") != 0)
@@ -192,7 +254,7 @@ std::optional<Image> scaleImage(const Image& image, PixelSize size) {
   constexpr std::size_t pixelsPerThread = 1 << 18;
   auto result = WritableImage::make(size, image.opaque);
   if (!result.pixels) return std::nullopt;
-  const Taps columns(image.size.width, size.width);
+  const Columns columns(image.size.width, size.width);
   const Taps rows(image.size.height, size.height);
   const auto sourcePixels =
       static_cast<std::size_t>(image.size.width) * static_cast<std::size_t>(image.size.height);
