@@ -14,13 +14,16 @@ namespace vesko {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 /// How long an application may take to get to its events when a place is needed that they use. Long
 /// enough for a slow one that works through a long text on a busy machine.
 constexpr auto settleBound = 10s;
-/// The same when this object ends.
-constexpr auto farewellBound = 500ms;
+/// The same for one that has been silent before, and when this object ends.
+constexpr auto briefBound = 500ms;
+/// How long one that was silent is not asked again.
+constexpr auto silence = 10s;
+/// One that is still silent this long after the last key no longer keeps its places.
+constexpr auto patience = 60s;
 /// The same for applications that do not tell: they get this long after the last key.
 constexpr auto blindSettle = 300ms;
 constexpr std::uint8_t twoLevels = 1;  // the index of the type TWO_LEVEL is fixed by the protocol
@@ -57,7 +60,9 @@ X11BorrowedKeys::~X11BorrowedKeys() {
 
 void X11BorrowedKeys::giveBack() {
   // Whoever comes next takes the keys over; nobody loses text for the sake of tidiness.
-  if (!settleUses(farewellBound)) return;
+  while (!readers_.empty()) {
+    if (!settle(readers_.begin()->first, briefBound)) return;
+  }
   places_.clear();
   writeMapping();
   xcb_delete_property(x11_.current(), x11_.root(), x11_.atom("VESKO_BORROWED_KEYS"));
@@ -74,13 +79,18 @@ void X11BorrowedKeys::refresh(const X11Keymap& keymap) {
   generation_ = x11_.generation();
   places_.clear();
   keycodes_.clear();
-  usedIn_.clear();
+  readers_.clear();
 }
 
-bool X11BorrowedKeys::borrow() {
+std::size_t X11BorrowedKeys::capacity() {
+  if (places_.empty()) borrow();
+  return places_.size();
+}
+
+void X11BorrowedKeys::borrow() {
   const auto reply = getMap(x11_.current(), XCB_XKB_MAP_PART_KEY_TYPES | XCB_XKB_MAP_PART_KEY_SYMS |
                                                 XCB_XKB_MAP_PART_MODIFIER_MAP);
-  if (!reply) return false;
+  if (!reply) return;
   const xcb_xkb_get_map_map_t map = unpack(*reply);
 
   type_ = {twoLevels, 2};
@@ -115,11 +125,9 @@ bool X11BorrowedKeys::borrow() {
     if (modifier[keycode] || (!unused && !taken)) continue;
     keycodes_.insert(keycode);
     for (unsigned level = 0; level < type_.levels; ++level)
-      places_.push_back({keycode, level, XKB_KEY_NoSymbol, 0});
+      places_.push_back({keycode, level, XKB_KEY_NoSymbol, 0, {}});
   }
-  if (keycodes_.empty()) return false;
-  rememberOnRoot();
-  return true;
+  if (!keycodes_.empty()) rememberOnRoot();
 }
 
 void X11BorrowedKeys::rememberOnRoot() {
@@ -153,48 +161,78 @@ std::optional<X11Stroke> X11BorrowedKeys::strokeFor(xkb_keysym_t symbol) {
 }
 
 void X11BorrowedKeys::usedIn(xcb_window_t window) {
-  usedIn_[window] = Clock::now();
+  for (Place& place : places_) {
+    if (place.lastUse > typedUntil_) place.readers.insert(window);
+  }
+  typedUntil_ = clock_;
+  readers_[window] = {Clock::now(), {}};
 }
 
-bool X11BorrowedKeys::settleUses(std::chrono::milliseconds bound) {
-  while (!usedIn_.empty()) {
-    const auto [window, lastKey] = *usedIn_.begin();
-    switch (ping(x11_, window, bound)) {
-      case PingResult::timedOut:
+bool X11BorrowedKeys::settle(xcb_window_t window, std::chrono::milliseconds bound) {
+  Reader& reader = readers_[window];
+  switch (ping(x11_, window, bound)) {
+    case PingResult::timedOut: {
+      const Clock::time_point now = Clock::now();
+      if (now - reader.lastKey < patience) {
+        reader.silentUntil = now + silence;
         return false;
-      case PingResult::unsupported:
-        std::this_thread::sleep_until(lastKey + blindSettle);
-        break;
-      case PingResult::answered:
-      case PingResult::gone:
-        break;
+      }
+      break;
     }
-    usedIn_.erase(window);
+    case PingResult::unsupported:
+      std::this_thread::sleep_until(reader.lastKey + blindSettle);
+      break;
+    case PingResult::answered:
+    case PingResult::gone:
+      break;
   }
+  for (Place& place : places_) place.readers.erase(window);
+  readers_.erase(window);
   return true;
 }
 
-bool X11BorrowedKeys::place(std::span<const xkb_keysym_t> symbols) {
-  if (places_.empty() && !borrow()) return false;
+std::vector<X11BorrowedKeys::Place*> X11BorrowedKeys::reusable(std::size_t count,
+                                                               unsigned long usedUntil) {
+  std::vector<Place*> candidates;
+  for (Place& place : places_) {
+    const bool heldUp = std::ranges::any_of(place.readers, [this](xcb_window_t window) {
+      return readers_[window].silentUntil > Clock::now();
+    });
+    if (!heldUp && place.lastUse <= usedUntil) candidates.push_back(&place);
+  }
+  std::ranges::sort(candidates, {},
+                    [](const Place* place) { return std::pair(place->lastUse, place); });
+  for (;;) {
+    const auto chosen = std::span(candidates).first(std::min(count, candidates.size()));
+    const auto read =
+        std::ranges::find_if(chosen, [](const Place* place) { return !place->readers.empty(); });
+    if (read == chosen.end()) return {chosen.begin(), chosen.end()};
+    const xcb_window_t window = *(*read)->readers.begin();
+    const bool knownSilent = readers_[window].silentUntil != Clock::time_point();
+    if (!settle(window, knownSilent ? briefBound : settleBound))
+      std::erase_if(candidates,
+                    [&](const Place* place) { return place->readers.contains(window); });
+  }
+}
+
+std::size_t X11BorrowedKeys::place(std::span<const xkb_keysym_t> symbols) {
+  if (capacity() == 0) return 0;
+  const unsigned long before = clock_;
   std::vector<xkb_keysym_t> missing;
   for (const xkb_keysym_t symbol : symbols) {
     if (!strokeFor(symbol)) missing.push_back(symbol);
   }
-  if (missing.empty()) return true;
+  if (missing.empty()) return symbols.size();
 
-  // Those that were asked for just now have the highest use and come last.
-  std::vector<Place*> byUse;
-  for (Place& place : places_) byUse.push_back(&place);
-  std::ranges::sort(byUse, {}, [](const Place* place) { return std::pair(place->lastUse, place); });
-  const std::span chosen = std::span(byUse).first(missing.size());
-  const bool reused = std::ranges::any_of(
-      chosen, [](const Place* place) { return place->symbol != XKB_KEY_NoSymbol; });
-  if (reused && !settleUses(settleBound)) return false;
-  for (std::size_t i = 0; i < missing.size(); ++i) {
+  const std::vector<Place*> chosen = reusable(missing.size(), before);
+  for (std::size_t i = 0; i < chosen.size(); ++i) {
     chosen[i]->symbol = missing[i];
     chosen[i]->lastUse = ++clock_;
   }
-  return writeMapping();
+  if (!chosen.empty() && !writeMapping()) return 0;
+  if (chosen.size() == missing.size()) return symbols.size();
+  return static_cast<std::size_t>(std::ranges::find(symbols, missing[chosen.size()]) -
+                                  symbols.begin());
 }
 
 bool X11BorrowedKeys::writeMapping() {

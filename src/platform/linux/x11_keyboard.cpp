@@ -3,6 +3,7 @@
 #include <xcb/xtest.h>
 
 #include <algorithm>
+#include <bitset>
 #include <optional>
 #include <ranges>
 #include <string>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "platform/linux/key_symbols.h"
+#include "platform/linux/x11_key_devices.h"
 #include "platform/linux/x11_ping.h"
 #include "platform/linux/x11_xkb.h"
 
@@ -47,7 +49,9 @@ std::optional<X11Stroke> directStroke(const X11Keymap& keymap, char32_t characte
 
 class X11Keyboard::NeutralModifiers {
  public:
-  NeutralModifiers(xcb_connection_t* c, const X11Keymap& keymap) : c_(c) {
+  NeutralModifiers(X11Connection& x11, const X11Keymap& keymap) : x11_(x11) {
+    xcb_connection_t* const c = x11.current();
+    const KeysDown devices = keysDown(x11);
     const auto keysCookie = xcb_query_keymap(c);
     const auto stateCookie = xcb_xkb_get_state(c, XCB_XKB_ID_USE_CORE_KBD);
     const XcbPtr<xcb_query_keymap_reply_t> keys(xcb_query_keymap_reply(c, keysCookie, nullptr));
@@ -62,25 +66,42 @@ class X11Keyboard::NeutralModifiers {
     }
     for (unsigned code = 0; keys && code < 256; ++code) {
       const auto keycode = static_cast<xcb_keycode_t>(code);
-      const bool down = (keys->keys[code / 8] >> (code % 8) & 1) != 0;
       // Releasing and pressing a lock key would switch the lock.
-      const unsigned mod = keymap.modifierOf(keycode) & ~(x11_mods::lock | ignored);
-      if (down && mod != 0) held_.push_back(keycode);
+      if ((keymap.modifierOf(keycode) & ~(x11_mods::lock | ignored)) == 0) continue;
+      const bool down = (keys->keys[code / 8] >> (code % 8) & 1) != 0;
+      const bool synthetic = devices.synthetic[code];
+      // What was pressed here for a key held on hardware stays pressed on the synthetic keyboard
+      // after the user let go, and would swallow the next press.
+      if (down || synthetic) fakeKey(c, XCB_KEY_RELEASE, keycode);
+      if (down) (synthetic && !devices.hardware[code] ? heldByClients_ : heldByUser_).set(code);
     }
-    for (const xcb_keycode_t keycode : held_) fakeKey(c, XCB_KEY_RELEASE, keycode);
   }
   NeutralModifiers(const NeutralModifiers&) = delete;
   NeutralModifiers& operator=(const NeutralModifiers&) = delete;
   ~NeutralModifiers() {
-    for (const xcb_keycode_t keycode : held_) fakeKey(c_, XCB_KEY_PRESS, keycode);
+    fakeKeys(XCB_KEY_PRESS, heldByClients_);
+    if (heldByUser_.any()) {
+      const auto still = heldByUser_ & keysDown(x11_).hardware;
+      fakeKeys(XCB_KEY_PRESS, still);
+      // A key that the user let go of just before its press came too late would stay down.
+      if (still.any()) fakeKeys(XCB_KEY_RELEASE, still & ~keysDown(x11_).hardware);
+    }
     if (locked_ != 0)
-      xcb_xkb_latch_lock_state(c_, XCB_XKB_ID_USE_CORE_KBD, locked_, locked_, 0, 0, 0, 0, 0);
+      xcb_xkb_latch_lock_state(x11_.current(), XCB_XKB_ID_USE_CORE_KBD, locked_, locked_, 0, 0, 0,
+                               0, 0);
   }
 
  private:
-  xcb_connection_t* c_;
+  void fakeKeys(std::uint8_t event, const std::bitset<256>& keys) {
+    for (unsigned code = 0; code < keys.size(); ++code) {
+      if (keys[code]) fakeKey(x11_.current(), event, static_cast<xcb_keycode_t>(code));
+    }
+  }
+
+  X11Connection& x11_;
   std::uint8_t locked_ = 0;
-  std::vector<xcb_keycode_t> held_;
+  std::bitset<256> heldByUser_;
+  std::bitset<256> heldByClients_;
 };
 
 bool X11Keyboard::post(std::span<const InputEvent> events) {
@@ -88,7 +109,7 @@ bool X11Keyboard::post(std::span<const InputEvent> events) {
   auto keymap = X11Keymap::read(c, borrowed_.keycodes());
   if (!keymap) return false;
   borrowed_.refresh(*keymap);
-  const NeutralModifiers neutral(c, *keymap);
+  const NeutralModifiers neutral(x11_, *keymap);
 
   std::u16string text;
   const auto typePending = [&] {
@@ -155,26 +176,28 @@ bool X11Keyboard::type(std::u32string_view text, const X11Keymap& keymap) {
   if (!std::ranges::all_of(text, [](char32_t c) { return symbolOf(c).has_value(); })) return false;
 
   // Stretches whose missing symbols all have a place at the same time.
-  std::vector<xkb_keysym_t> missing;
-  std::size_t from = 0;
-  const auto typeUntil = [&](std::size_t end) {
-    if (!missing.empty() && !borrowed_.place(missing)) return false;
-    const std::size_t start = std::exchange(from, end);
-    return typeStretch(text.substr(start, end - start), keymap);
-  };
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (directStroke(keymap, text[i])) continue;
-    const xkb_keysym_t symbol = *symbolOf(text[i]);
-    if (std::ranges::find(missing, symbol) != missing.end()) continue;
-    // The first borrowing finds out how many places there are.
-    if (borrowed_.capacity() == 0 && !borrowed_.place({})) return false;
-    if (missing.size() == borrowed_.capacity()) {
-      if (!typeUntil(i)) return false;
-      missing.clear();
+  while (!text.empty()) {
+    std::vector<xkb_keysym_t> missing;
+    std::vector<std::size_t> firstUse;
+    std::size_t end = 0;
+    for (; end < text.size(); ++end) {
+      if (directStroke(keymap, text[end])) continue;
+      const xkb_keysym_t symbol = *symbolOf(text[end]);
+      if (std::ranges::find(missing, symbol) != missing.end()) continue;
+      if (borrowed_.capacity() == 0) return false;
+      if (missing.size() == borrowed_.capacity()) break;
+      missing.push_back(symbol);
+      firstUse.push_back(end);
     }
-    missing.push_back(symbol);
+    if (!missing.empty()) {
+      const std::size_t placed = borrowed_.place(missing);
+      if (placed == 0) return false;
+      if (placed < missing.size()) end = firstUse[placed];
+    }
+    if (!typeStretch(text.substr(0, end), keymap)) return false;
+    text.remove_prefix(end);
   }
-  return typeUntil(text.size());
+  return true;
 }
 
 bool X11Keyboard::typeStretch(std::u32string_view text, const X11Keymap& keymap) {

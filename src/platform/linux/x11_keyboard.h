@@ -15,8 +15,9 @@ namespace vesko {
 
 /// Characters of the active layout are typed with their own keys and modifiers, the others through
 /// keys that the layout leaves unused. Modifiers that are held or locked on the user's keyboard are
-/// out of the way meanwhile and back afterwards. Command is Control here: shortcuts do on this
-/// desktop what they do with Command on a Mac. Not synchronised. Borrows the connection.
+/// out of the way meanwhile and back afterwards, unless the user let go of them. Command is Control
+/// here: shortcuts do on this desktop what they do with Command on a Mac. Not synchronised. Borrows
+/// the connection.
 class X11Keyboard {
  public:
   explicit X11Keyboard(X11Connection& x11) : x11_(x11), borrowed_(x11) {}
