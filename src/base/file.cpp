@@ -55,7 +55,8 @@ std::expected<void, std::error_code> replaceFile(const std::filesystem::path& pa
   static std::atomic<unsigned> serial{0};
   auto temporary = path;
   temporary += fmt::format(".{}.{}.tmp", ::getpid(), serial++);
-  UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+  UniqueFd fd(
+      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
   if (!fd) return systemError();
   // The umask may have taken bits away; the caller's mode is what counts.
   const bool written = ::fchmod(fd.get(), mode) == 0 && writeAll(fd.get(), content) &&
@@ -72,9 +73,16 @@ std::expected<void, std::error_code> replaceFile(const std::filesystem::path& pa
   return {};
 }
 
+std::expected<void, std::error_code> writeInto(const std::filesystem::path& path,
+                                               std::string_view content) {
+  const UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!fd || !writeAll(fd.get(), content)) return systemError();
+  return {};
+}
+
 std::expected<void, std::error_code> createDirectories(const std::filesystem::path& path,
                                                        mode_t mode) {
-  struct stat info {};
+  struct stat info{};
   if (::stat(path.c_str(), &info) == 0) {
     if (S_ISDIR(info.st_mode)) return {};
     return std::unexpected(std::make_error_code(std::errc::not_a_directory));

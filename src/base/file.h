@@ -22,6 +22,10 @@ std::expected<std::string, std::error_code> readFile(const std::filesystem::path
 std::expected<void, std::error_code> replaceFile(const std::filesystem::path& path,
                                                  std::string_view content, mode_t mode);
 
+/// Writes into what is there, a device or a pipe, and leaves it what it is.
+std::expected<void, std::error_code> writeInto(const std::filesystem::path& path,
+                                               std::string_view content);
+
 /// Creates the directory with its parents; new ones get `mode`.
 std::expected<void, std::error_code> createDirectories(const std::filesystem::path& path,
                                                        mode_t mode);

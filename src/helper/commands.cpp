@@ -127,8 +127,12 @@ int capture(CommandSession& session) {
   if (!image || !image->starts_with("\x89PNG\r\n\x1a\n"))
     return session.fail(exitFailed, "bad_answer", "the companion's answer holds no PNG image");
   if (toOutput) return session.print(*image);
-  // A picture of the screen is nobody else's business.
-  if (auto written = replaceFile(file, *image, 0600); !written)
+  // A picture of the screen is nobody else's business. What is no file, as /dev/null, is not to be
+  // replaced by one.
+  std::error_code ignored;
+  const auto there = std::filesystem::status(file, ignored);
+  const bool special = std::filesystem::exists(there) && !std::filesystem::is_regular_file(there);
+  if (auto written = special ? writeInto(file, *image) : replaceFile(file, *image, 0600); !written)
     return session.fail(exitFailed, "output",
                         fmt::format("cannot write {}: {}", file, written.error().message()));
   Object result{{"file", file}};

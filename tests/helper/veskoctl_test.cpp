@@ -1,12 +1,15 @@
 // veskoctl as a process, before a real helper and a scripted control server.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <span>
 
 #include "base/base64.h"
 #include "base/file.h"
+#include "base/unique_fd.h"
 #include "helper/child_process.h"
 #include "helper/tls_server.h"
 
@@ -203,6 +206,15 @@ TEST_F(VeskoctlServedTest, CapturesIntoFilesAndStandardOutput) {
   EXPECT_EQ(described.out,
             "{\"file\":\"" + file.native() + "\",\"width\":1600,\"height\":1000,\"scale\":1.25}\n");
   EXPECT_TRUE(run({"capture", "-"}).out == image);
+
+  const auto pipe = state() / "pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  const UniqueFd both(::open(pipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  ASSERT_GE(::fcntl(both.get(), F_SETPIPE_SZ, 1 << 20), 1 << 20) << "the picture must fit";
+  EXPECT_EQ(run({"capture", pipe.native()}).exit, 0);
+  EXPECT_TRUE(std::filesystem::is_fifo(pipe)) << "was replaced by a file";
+  std::string written(image.size() + 1, '\0');
+  EXPECT_EQ(::read(both.get(), written.data(), written.size()), std::ssize(image));
 }
 
 TEST_F(VeskoctlServedTest, ShowsTheClipboardByteForByte) {
