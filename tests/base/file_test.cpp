@@ -16,11 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-mode_t modeOf(const fs::path& path) {
-  struct stat info{};
-  return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
-}
-
 struct FileTest : testing::Test {
   support::TemporaryDirectory directory;
   const fs::path file = directory / "file";
@@ -43,9 +38,9 @@ TEST_F(FileTest, replacesWithTheModeThatWasAskedFor) {
   const mode_t before = ::umask(077);
   EXPECT_TRUE(replaceFile(file, "one", 0644));
   ::umask(before);
-  EXPECT_EQ(modeOf(file), 0644U);
+  EXPECT_EQ(support::modeOf(file), 0644U);
   EXPECT_TRUE(replaceFile(file, "", 0600));
-  EXPECT_EQ(modeOf(file), 0600U);
+  EXPECT_EQ(support::modeOf(file), 0600U);
   EXPECT_EQ(readFile(file, 10), "");
   EXPECT_EQ(entries(), 1);
 }
@@ -93,7 +88,8 @@ TEST_F(FileTest, readersSeeOneContentOrTheOther) {
 TEST_F(FileTest, createsDirectoriesWithTheirParents) {
   EXPECT_TRUE(createDirectories(directory / "a/b/c", 0700));
   EXPECT_TRUE(createDirectories(directory / "a/b/c", 0755));
-  for (const char* name : {"a", "a/b", "a/b/c"}) EXPECT_EQ(modeOf(directory / name), 0700U) << name;
+  for (const char* name : {"a", "a/b", "a/b/c"})
+    EXPECT_EQ(support::modeOf(directory / name), 0700U) << name;
   ASSERT_TRUE(replaceFile(file, "", 0600));
   EXPECT_EQ(createDirectories(file, 0700).error(), std::errc::not_a_directory);
   EXPECT_EQ(createDirectories(file / "below", 0700).error(), std::errc::not_a_directory);

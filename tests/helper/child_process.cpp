@@ -67,17 +67,6 @@ int statusOf(int status) {
 
 }  // namespace
 
-ScratchDirectory::ScratchDirectory() {
-  std::string name = (std::filesystem::temp_directory_path() / "vesko-helper-XXXXXX").native();
-  require(::mkdtemp(name.data()) != nullptr, "mkdtemp");
-  path_ = name;
-}
-
-ScratchDirectory::~ScratchDirectory() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
 bool waitForEnd(pid_t pid) {
   const UniqueFd watch(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
   if (!watch) return errno == ESRCH;

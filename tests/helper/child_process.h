@@ -15,17 +15,6 @@
 
 namespace vesko {
 
-/// A private folder that is gone with the object.
-class ScratchDirectory {
- public:
-  ScratchDirectory();
-  ~ScratchDirectory();
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
-
 using Variables = std::map<std::string, std::string>;
 
 /// Waits for the end of a process that need not be a child; false after the bound.

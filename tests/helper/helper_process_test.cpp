@@ -19,6 +19,7 @@
 #include "helper/child_process.h"
 #include "helper/local_socket.h"
 #include "helper/tls_server.h"
+#include "support/temporary_directory.h"
 
 namespace vesko {
 namespace {
@@ -92,7 +93,7 @@ class HelperProcessTest : public testing::Test {
   const std::filesystem::path& state() const { return scratch_.path(); }
   std::filesystem::path socketFile() const { return state() / localSocketName; }
 
-  ScratchDirectory scratch_;
+  support::TemporaryDirectory scratch_;
 };
 
 TEST_F(HelperProcessTest, ReportsItsPresenceInWholeAsciiLinesAndKeepsItsIdentity) {

@@ -12,6 +12,7 @@
 #include "base/unique_fd.h"
 #include "helper/child_process.h"
 #include "helper/tls_server.h"
+#include "support/temporary_directory.h"
 
 namespace vesko {
 namespace {
@@ -63,7 +64,7 @@ class VeskoctlTest : public testing::Test {
   }
   const std::filesystem::path& state() const { return scratch_.path(); }
 
-  ScratchDirectory scratch_;
+  support::TemporaryDirectory scratch_;
 };
 
 class VeskoctlServedTest : public VeskoctlTest {

@@ -17,11 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-mode_t modeOf(const fs::path& path) {
-  struct stat info{};
-  return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
-}
-
 struct ConsentStoreTest : testing::Test {
   support::TemporaryDirectory directory;
   const fs::path file = directory / "new/deep/consents.plist";
@@ -39,9 +34,9 @@ TEST_F(ConsentStoreTest, keepsEveryAnswerForTheUserAlone) {
       EXPECT_EQ(ConsentStore(file).state(consent), state);
     }
   }
-  EXPECT_EQ(modeOf(file), 0600U);
-  EXPECT_EQ(modeOf(file.parent_path()), 0700U);
-  EXPECT_EQ(modeOf(directory / "new"), 0700U);
+  EXPECT_EQ(support::modeOf(file), 0600U);
+  EXPECT_EQ(support::modeOf(file.parent_path()), 0700U);
+  EXPECT_EQ(support::modeOf(directory / "new"), 0700U);
 }
 
 TEST_F(ConsentStoreTest, seesEveryChangeOfAnotherWriter) {
@@ -107,7 +102,7 @@ TEST_F(ConsentStoreTest, aFileThatCannotBeTrustedGrantsNothingAndIsKeptAside) {
     EXPECT_EQ(store.problem(), "");
     EXPECT_EQ(store.state(Consent::contacts), ConsentState::granted);
     EXPECT_EQ(store.state(Consent::photos), ConsentState::notDetermined);
-    EXPECT_EQ(modeOf(file), 0600U);
+    EXPECT_EQ(support::modeOf(file), 0600U);
     fs::remove(file.string() + ".damaged");
   }
 }

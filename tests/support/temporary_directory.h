@@ -1,6 +1,7 @@
 // A directory of the test's own, removed with everything in it.
 #pragma once
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -41,6 +42,12 @@ inline std::string contentOf(const std::filesystem::path& file) {
 inline void writeFile(const std::filesystem::path& file, std::string_view content) {
   std::filesystem::create_directories(file.parent_path());
   std::ofstream(file, std::ios::binary) << content;
+}
+
+/// The permission bits; 0 when there is no such file.
+inline mode_t modeOf(const std::filesystem::path& file) {
+  struct stat info{};
+  return ::stat(file.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
 }  // namespace vesko::support
