@@ -30,7 +30,8 @@ class Granted : public PermissionProbes {
  public:
   bool accessibilityTrusted() override { return true; }
   bool screenCaptureAllowed() override { return true; }
-  AutomationState messagesAutomation() override { return AutomationState::granted; }
+  PhotosPermission photos() override { return PhotosPermission::full; }
+  AutomationStatus automation(AutomationTarget) override { return {}; }
 };
 
 double millisecondsSince(Clock::time_point begin) {

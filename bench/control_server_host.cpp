@@ -13,7 +13,8 @@ namespace {
 struct Granted : vesko::PermissionProbes {
   bool accessibilityTrusted() override { return true; }
   bool screenCaptureAllowed() override { return true; }
-  vesko::AutomationState messagesAutomation() override { return vesko::AutomationState::granted; }
+  vesko::PhotosPermission photos() override { return vesko::PhotosPermission::full; }
+  vesko::AutomationStatus automation(vesko::AutomationTarget) override { return {}; }
 };
 
 }  // namespace

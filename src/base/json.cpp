@@ -120,9 +120,9 @@ const Value* Value::find(std::string_view key) const {
   return nullptr;
 }
 
-std::expected<Value, std::string> parse(std::string_view text) {
+std::expected<Value, std::string> parse(std::string_view text, std::size_t depth) {
   boost::json::parse_options options;
-  options.max_depth = maxDepth;
+  options.max_depth = depth;
   boost::json::basic_parser<Builder> parser(options);
   boost::json::error_code error;
   const std::size_t used = parser.write_some(false, text.data(), text.size(), error);

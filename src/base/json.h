@@ -1,7 +1,7 @@
 // JSON values (RFC 8259), strict parsing and compact writing. Any thread.
 //
 // Parsing refuses invalid UTF-8, trailing bytes, NaN, infinities, numbers beyond double range and
-// nesting deeper than maxDepth. A repeated key keeps every member; look-ups return the last.
+// nesting deeper than is said. A repeated key keeps every member; look-ups return the last.
 #pragma once
 
 #include <cstddef>
@@ -61,8 +61,9 @@ class Value {
   Data data_;
 };
 
-/// The error is a short description of what is malformed; it never quotes the input.
-std::expected<Value, std::string> parse(std::string_view text);
+/// The error is a short description of what is malformed; it never quotes the input. A value nests
+/// at most `depth` arrays and objects.
+std::expected<Value, std::string> parse(std::string_view text, std::size_t depth = maxDepth);
 
 /// Appends tokens to a text; commas are its own concern. The caller nests correctly.
 class Writer {

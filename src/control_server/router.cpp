@@ -32,9 +32,9 @@ HTTPResponse invalidRequestResponse() {
 std::vector<Route> coreRoutes(PermissionProbes& probes) {
   const auto health = [](const HTTPRequest&) { return jsonResponse(200, HealthResponse{}); };
   const auto status = [&probes](const HTTPRequest&) {
-    return jsonResponse(200,
-                        StatusResponse{probes.screenCaptureAllowed(), probes.accessibilityTrusted(),
-                                       probes.messagesAutomation()});
+    return jsonResponse(
+        200, StatusResponse{probes.screenCaptureAllowed(), probes.accessibilityTrusted(),
+                            automationState(probes.automation(AutomationTarget::messages))});
   };
   return {{"GET", "/healthz", Precondition::none, health, RunsOn::ioThread},
           {"GET", "/status", Precondition::none, status}};

@@ -67,7 +67,8 @@ class ProcessReference {
 class ProcessHost {
  public:
   virtual ~ProcessHost() = default;
-  virtual std::expected<std::unique_ptr<ChildProcess>, std::string> launch(ProcessLaunch launch) = 0;
+  virtual std::expected<std::unique_ptr<ChildProcess>, std::string> launch(
+      ProcessLaunch launch) = 0;
 
   virtual std::vector<pid_t> processIds() = 0;
   /// Ids are reused: to act on what a path says, open() first, ask for the path, and see that the

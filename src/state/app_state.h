@@ -13,6 +13,7 @@
 
 #include "base/main_loop.h"
 #include "base/main_thread.h"
+#include "platform/permissions.h"
 #include "state/published.h"
 #include "state/status.h"
 #include "state/status_records.h"
@@ -26,16 +27,6 @@ inline constexpr std::string_view historyImportEnabled = "historyImportEnabled";
 inline constexpr std::string_view keepAwake = "KeepAwakeForVesko";
 inline constexpr std::string_view relayUrl = "RelayURL";
 }  // namespace defaultsKeys
-
-enum class PhotosPermission { full, limited, denied, notDetermined };
-
-/// What the last probe said about automating another application.
-struct AutomationStatus {
-  enum class Kind { unknown, notDetermined, granted, denied, notRunning, unavailable };
-  Kind kind = Kind::unknown;
-  std::int32_t code = 0;  ///< the system's status code; unavailable only
-  bool operator==(const AutomationStatus&) const = default;
-};
 
 enum class AppField {
   status,

@@ -87,7 +87,7 @@ TEST(CompanionDesktop, answersWithoutOne) {
   const Exchange exchanges[] = {
       {"GET", "/healthz", "", 200, R"({"ok":true})"},
       {"GET", "/status", "", 200,
-       R"({"screen_recording":true,"accessibility":true,"messages_automation":"not_running"})"},
+       R"({"screen_recording":true,"accessibility":true,"messages_automation":"not_determined"})"},
       {"POST", "/displays", "", 500, R"({"message":"screen capture failed"})"},
       {"POST", "/capture", captureDisplay, 500, R"({"message":"screen capture failed"})"},
       {"POST", "/capture", R"({"target":"moon"})", 400, R"({"message":"invalid request"})"},
@@ -121,7 +121,7 @@ TEST(CompanionDesktop, asksForConsentsBeforeAnythingElse) {
   ASSERT_TRUE(server);
   const Exchange exchanges[] = {
       {"GET", "/status", "", 200,
-       R"({"screen_recording":false,"accessibility":false,"messages_automation":"not_running"})"},
+       R"({"screen_recording":false,"accessibility":false,"messages_automation":"not_determined"})"},
       {"POST", "/capture", captureDisplay, 412, R"({"needs":"screen_recording"})"},
       {"POST", "/input/click", "nonsense", 412, R"({"needs":"accessibility"})"},
       {"POST", "/clipboard/get", "", 412, R"({"needs":"accessibility"})"},

@@ -21,7 +21,8 @@ class Probes : public PermissionProbes {
   std::atomic<bool> allowed = true;
   bool accessibilityTrusted() override { return true; }
   bool screenCaptureAllowed() override { return allowed; }
-  AutomationState messagesAutomation() override { return AutomationState::granted; }
+  PhotosPermission photos() override { return PhotosPermission::full; }
+  AutomationStatus automation(AutomationTarget) override { return {}; }
 };
 
 class ScreenCaptureTest : public testing::Test {

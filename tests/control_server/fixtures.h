@@ -25,10 +25,11 @@ namespace vesko::test {
 struct FixedProbes : PermissionProbes {
   std::atomic<bool> accessibility = true;
   std::atomic<bool> screenCapture = true;
-  std::atomic<AutomationState> automation = AutomationState::unavailable;
+  std::atomic<AutomationStatus> messages = AutomationStatus{AutomationStatus::Kind::unavailable};
   bool accessibilityTrusted() override { return accessibility; }
   bool screenCaptureAllowed() override { return screenCapture; }
-  AutomationState messagesAutomation() override { return automation; }
+  PhotosPermission photos() override { return PhotosPermission::full; }
+  AutomationStatus automation(AutomationTarget) override { return messages; }
 };
 
 struct Division {

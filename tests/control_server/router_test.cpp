@@ -51,7 +51,7 @@ TEST_F(RouterTest, StatusReportsTheProbes) {
       ask("GET", "/status").body,
       R"({"screen_recording":true,"accessibility":true,"messages_automation":"unavailable"})");
   probes_.screenCapture = false;
-  probes_.automation = AutomationState::notDetermined;
+  probes_.messages = {AutomationStatus::Kind::notDetermined};
   EXPECT_EQ(
       ask("GET", "/status").body,
       R"({"screen_recording":false,"accessibility":true,"messages_automation":"not_determined"})");

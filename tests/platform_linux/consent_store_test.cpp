@@ -161,7 +161,13 @@ TEST_F(ConsentStoreTest, servesProbesOfManyThreads) {
   EXPECT_FALSE(probes.accessibilityTrusted());
   EXPECT_TRUE(store.set(Consent::accessibility, ConsentState::granted));
   EXPECT_TRUE(probes.accessibilityTrusted());
-  EXPECT_EQ(probes.messagesAutomation(), AutomationState::notRunning);
+  EXPECT_EQ(probes.automation(AutomationTarget::messages).kind,
+            AutomationStatus::Kind::notDetermined);
+  EXPECT_TRUE(store.set(Consent::messagesAutomation, ConsentState::denied));
+  EXPECT_EQ(probes.automation(AutomationTarget::messages).kind, AutomationStatus::Kind::denied);
+  EXPECT_EQ(probes.photos(), PhotosPermission::notDetermined);
+  EXPECT_TRUE(store.set(Consent::photos, ConsentState::granted));
+  EXPECT_EQ(probes.photos(), PhotosPermission::full);
   done = true;
 }
 

@@ -140,4 +140,30 @@ bool LinuxPermissionProbes::screenCaptureAllowed() {
   return store_.state(Consent::screenRecording) == ConsentState::granted;
 }
 
+PhotosPermission LinuxPermissionProbes::photos() {
+  switch (store_.state(Consent::photos)) {
+    case ConsentState::granted:
+      return PhotosPermission::full;
+    case ConsentState::denied:
+      return PhotosPermission::denied;
+    case ConsentState::notDetermined:
+      break;
+  }
+  return PhotosPermission::notDetermined;
+}
+
+AutomationStatus LinuxPermissionProbes::automation(AutomationTarget target) {
+  using Kind = AutomationStatus::Kind;
+  switch (store_.state(target == AutomationTarget::messages ? Consent::messagesAutomation
+                                                            : Consent::notesAutomation)) {
+    case ConsentState::granted:
+      return {Kind::granted};
+    case ConsentState::denied:
+      return {Kind::denied};
+    case ConsentState::notDetermined:
+      break;
+  }
+  return {Kind::notDetermined};
+}
+
 }  // namespace vesko

@@ -94,8 +94,8 @@ class LinuxPermissionProbes : public PermissionProbes {
 
   bool accessibilityTrusted() override;
   bool screenCaptureAllowed() override;
-  /// Always notRunning: this desktop has no Messages application to automate.
-  AutomationState messagesAutomation() override { return AutomationState::notRunning; }
+  PhotosPermission photos() override;
+  AutomationStatus automation(AutomationTarget target) override;
 
  private:
   ConsentStore& store_;
