@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "control_server/router.h"
+#include "tools/app_window_control.h"
 #include "tools/input_control.h"
 #include "tools/screen_capture.h"
 
@@ -11,6 +12,9 @@ namespace vesko {
 
 /// POST /input/... and /clipboard/...; `input` outlives the routes.
 std::vector<Route> inputRoutes(InputControl& input);
+
+/// POST /app/... and /window/...; `control` outlives the routes.
+std::vector<Route> appWindowRoutes(AppWindowControl& control);
 
 /// POST /displays and /capture; `capture` outlives the routes.
 std::vector<Route> captureRoutes(ScreenCaptureService& capture);

@@ -69,7 +69,9 @@ class Applications {
 
 /// Any thread, several at once. Every operation waits until the window system shows its effect, a
 /// few seconds at most. Errors: invalidElement once the window is gone, attributeUnsupported when
-/// its manager says that this window cannot do it, failure when it did not happen.
+/// its manager says that this window cannot do it, or cannot do it as it is now (moving one that
+/// fills the screen), illegalArgument for a place or size that the desktop cannot express, failure
+/// when it did not happen. A desktop that does not answer: failure, listing cannotComplete.
 class WindowSystem {
  public:
   virtual ~WindowSystem() = default;

@@ -1,9 +1,15 @@
 #include "fakes/fake_applications.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace vesko::fakes {
+namespace {
+
+constexpr double largest = 32767;  ///< coordinate or side of a window
+
+}  // namespace
 
 std::string FakeApplications::newToken() {
   return "start" + std::to_string(++tokens_);
@@ -214,6 +220,7 @@ AXError FakeWindowSystem::move(std::uint32_t window, Point to) {
   const MutexLock lock(mutex_);
   std::vector<Entry>::iterator found;
   if (const AXError error = admit(window, found); error != AXError::success) return error;
+  if (std::max(std::abs(to.x), std::abs(to.y)) > largest) return AXError::illegalArgument;
   found->first.frame.x = to.x;
   found->first.frame.y = to.y;
   return AXError::success;
@@ -223,6 +230,7 @@ AXError FakeWindowSystem::resize(std::uint32_t window, double width, double heig
   const MutexLock lock(mutex_);
   std::vector<Entry>::iterator found;
   if (const AXError error = admit(window, found); error != AXError::success) return error;
+  if (std::max(width, height) > largest) return AXError::illegalArgument;
   found->first.frame.w = width;
   found->first.frame.h = height;
   return AXError::success;

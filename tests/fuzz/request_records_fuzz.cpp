@@ -6,6 +6,7 @@
 
 #include "base/json_record.h"
 #include "state/status_records.h"
+#include "tools/app_window_control.h"
 #include "tools/input_control.h"
 #include "tools/screen_capture.h"
 
@@ -35,6 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   roundTrip<HotkeyRequest>(text);
   roundTrip<ClipboardSetRequest>(text);
   roundTrip<CaptureRequest>(text);
+  roundTrip<AppRequest>(text);
+  roundTrip<WindowRequest>(text);
+  roundTrip<WindowMoveRequest>(text);
+  roundTrip<WindowResizeRequest>(text);
   roundTrip<HistoryExportStatus>(text);
   roundTrip<AssistantImportStatus>(text);
   return 0;
