@@ -7,6 +7,12 @@ HTTPResponse inputFailure(const InputControl::ControlError& error) {
   return errorResponse(400, error.message());
 }
 
+HTTPResponse accessibilityFailure(const AccessibilityControl::ControlError& error) {
+  return error.kind == AccessibilityControl::ControlError::Kind::elementGone
+             ? elementGoneResponse()
+             : errorResponse(400, error.message());
+}
+
 HTTPResponse captureFailure(const CaptureError& error) {
   switch (error.kind) {
     case CaptureError::Kind::invalidRequest:
@@ -18,28 +24,19 @@ HTTPResponse captureFailure(const CaptureError& error) {
   }
 }
 
-template <class Request, class Response>
-Route inputRoute(std::string_view path, InputControl& input,
-                 std::expected<Response, InputControl::ControlError> (InputControl::*operation)(
-                     const Request&)) {
+/// A route to a member of a tool that needs the accessibility permission.
+template <class Tool, class Request, class Response>
+Route memberRoute(
+    std::string_view path, Tool& tool,
+    std::expected<Response, typename Tool::ControlError> (Tool::*operation)(const Request&),
+    HTTPResponse (*mapError)(const typename Tool::ControlError&)) {
   return toolRoute<Request>(
       "POST", path, Precondition::accessibility,
-      [&input, operation](const Request& request) { return (input.*operation)(request); },
-      inputFailure);
+      [&tool, operation](const Request& request) { return (tool.*operation)(request); }, mapError);
 }
 
 HTTPResponse appWindowFailure(const AppWindowControl::ControlError& error) {
   return errorResponse(400, error.message());
-}
-
-template <class Request, class Response>
-Route appWindowRoute(
-    std::string_view path, AppWindowControl& control,
-    AppWindowControl::Result<Response> (AppWindowControl::*operation)(const Request&)) {
-  return toolRoute<Request>(
-      "POST", path, Precondition::accessibility,
-      [&control, operation](const Request& request) { return (control.*operation)(request); },
-      appWindowFailure);
 }
 
 /// For what an application may simply not do; the caller is then told `refusal`.
@@ -61,35 +58,51 @@ Route askingRoute(
 
 }  // namespace
 
+std::vector<Route> accessibilityRoutes(AccessibilityControl& accessibility) {
+  const auto route = [&accessibility](std::string_view path, auto operation) {
+    return memberRoute(path, accessibility, operation, accessibilityFailure);
+  };
+  return {route("/ax/snapshot", &AccessibilityControl::snapshot),
+          route("/ax/find", &AccessibilityControl::find),
+          route("/ax/action", &AccessibilityControl::performAction),
+          route("/ax/set-value", &AccessibilityControl::setValue)};
+}
+
 std::vector<Route> inputRoutes(InputControl& input) {
+  const auto route = [&input](std::string_view path, auto operation) {
+    return memberRoute(path, input, operation, inputFailure);
+  };
   return {
-      inputRoute("/input/move", input, &InputControl::move),
-      inputRoute("/input/click", input, &InputControl::click),
-      inputRoute("/input/drag", input, &InputControl::drag),
-      inputRoute("/input/scroll", input, &InputControl::scroll),
-      inputRoute("/input/type", input, &InputControl::type),
-      inputRoute("/input/key", input, &InputControl::key),
-      inputRoute("/input/hotkey", input, &InputControl::hotkey),
+      route("/input/move", &InputControl::move),
+      route("/input/click", &InputControl::click),
+      route("/input/drag", &InputControl::drag),
+      route("/input/scroll", &InputControl::scroll),
+      route("/input/type", &InputControl::type),
+      route("/input/key", &InputControl::key),
+      route("/input/hotkey", &InputControl::hotkey),
       toolRoute<NoBody>(
           "POST", "/clipboard/get", Precondition::accessibility,
           [&input](const NoBody&) { return input.clipboardGet(); }, inputFailure),
-      inputRoute("/clipboard/set", input, &InputControl::clipboardSet),
+      route("/clipboard/set", &InputControl::clipboardSet),
   };
 }
 
 std::vector<Route> appWindowRoutes(AppWindowControl& control) {
+  const auto route = [&control](std::string_view path, auto operation) {
+    return memberRoute(path, control, operation, appWindowFailure);
+  };
   return {
-      appWindowRoute("/app/launch", control, &AppWindowControl::launch),
+      route("/app/launch", &AppWindowControl::launch),
       askingRoute("/app/activate", control, "could not activate application",
                   &AppWindowControl::activate),
       askingRoute("/app/quit", control, "application rejected quit request",
                   &AppWindowControl::quit),
-      appWindowRoute("/window/list", control, &AppWindowControl::list),
-      appWindowRoute("/window/focus", control, &AppWindowControl::focus),
-      appWindowRoute("/window/move", control, &AppWindowControl::move),
-      appWindowRoute("/window/resize", control, &AppWindowControl::resize),
-      appWindowRoute("/window/minimize", control, &AppWindowControl::minimize),
-      appWindowRoute("/window/fullscreen", control, &AppWindowControl::toggleFullScreen),
+      route("/window/list", &AppWindowControl::list),
+      route("/window/focus", &AppWindowControl::focus),
+      route("/window/move", &AppWindowControl::move),
+      route("/window/resize", &AppWindowControl::resize),
+      route("/window/minimize", &AppWindowControl::minimize),
+      route("/window/fullscreen", &AppWindowControl::toggleFullScreen),
   };
 }
 

@@ -4,11 +4,15 @@
 #include <vector>
 
 #include "control_server/router.h"
+#include "tools/accessibility_control.h"
 #include "tools/app_window_control.h"
 #include "tools/input_control.h"
 #include "tools/screen_capture.h"
 
 namespace vesko {
+
+/// POST /ax/...; `accessibility` outlives the routes.
+std::vector<Route> accessibilityRoutes(AccessibilityControl& accessibility);
 
 /// POST /input/... and /clipboard/...; `input` outlives the routes.
 std::vector<Route> inputRoutes(InputControl& input);
