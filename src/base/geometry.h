@@ -11,6 +11,10 @@ struct Point {
   double x = 0;
   double y = 0;
   bool operator==(const Point&) const = default;
+
+  static constexpr auto jsonFields() {
+    return std::tuple{json::field("x", &Point::x), json::field("y", &Point::y)};
+  }
 };
 
 struct Rect {

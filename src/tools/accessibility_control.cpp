@@ -126,7 +126,7 @@ class Criteria {
 };
 
 /// From a point to the nearest point of a frame; an element without a frame counts as near.
-double distance(const FindRequest::NearPoint& point, const std::optional<Rect>& frame) {
+double distance(Point point, const std::optional<Rect>& frame) {
   if (!frame) return 0;
   const auto gap = [](double at, double start, double length) {
     return std::max({start - at, at - (start + length), 0.0});

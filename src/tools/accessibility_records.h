@@ -63,19 +63,11 @@ struct SnapshotResponse {
 };
 
 struct FindRequest {
-  struct NearPoint {
-    double x = 0;
-    double y = 0;
-    static constexpr auto jsonFields() {
-      return std::tuple{json::field("x", &NearPoint::x), json::field("y", &NearPoint::y)};
-    }
-  };
-
   std::optional<std::string> bundleID = {};
   std::optional<std::string> role = {};
   std::optional<std::string> title = {};
   std::optional<std::string> valueContains = {};
-  std::optional<NearPoint> nearPoint = {};
+  std::optional<Point> nearPoint = {};
   std::optional<std::int64_t> limit = {};  ///< 20 when absent
 
   static constexpr auto jsonFields() {

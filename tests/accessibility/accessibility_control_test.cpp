@@ -15,7 +15,8 @@ using fakes::FakeElement;
 class AccessibilityControlTest : public testing::Test {
  protected:
   AccessibilityControlTest() {
-    editor_ = applications_.add({.pid = 41, .bundleIdentifier = "org.example.editor", .name = "Editor"});
+    editor_ =
+        applications_.add({.pid = 41, .bundleIdentifier = "org.example.editor", .name = "Editor"});
     screen_.screenDisplays = {{.id = 1, .bounds = {0, 0, 800, 600}}};
     window_ = &fake_.application(editor_).add("AXWindow", "Draft");
     save_ = &window_->add("AXButton", "Save As…");
@@ -149,9 +150,9 @@ TEST_F(AccessibilityControlTest, findsByAllCriteria) {
            {{.title = "x", .valueContains = "grüße"}, {}},
            {{.bundleID = "org.example.editor", .title = "inside"}, {"inside"}},
            // Without a frame as near as can be; then by the gap; ties in the order of the walk.
-           {{.role = "AXButton", .nearPoint = {{10, 10}}, .limit = 3},
+           {{.role = "AXButton", .nearPoint = Point{10, 10}, .limit = 3},
             {"save all", "Save As…", "Away"}},
-           {{.role = "AXButton", .nearPoint = {{5001, 11}}, .limit = 2}, {"Away", "save all"}}})
+           {{.role = "AXButton", .nearPoint = Point{5001, 11}, .limit = 2}, {"Away", "save all"}}})
     EXPECT_EQ(find(request), expected);
   EXPECT_EQ(failure(control_.find({.limit = 0})), "limit must be between 1 and 100");
   EXPECT_EQ(failure(control_.find({.limit = 101})), "limit must be between 1 and 100");
