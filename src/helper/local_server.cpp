@@ -23,6 +23,10 @@ void prepare(int fd) {
   ::fcntl(fd, F_SETFL, O_NONBLOCK);
 }
 
+UniqueFd spareDescriptor() {
+  return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
 bool wouldBlock() {
   return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
 }
@@ -46,7 +50,8 @@ LocalServer::LocalServer(PollLoop& loop, LocalSocket socket, LocalServerLimits l
       limits_(limits),
       protocol_(std::move(protocol)),
       wakeRead_(std::move(wakeRead)),
-      wakeWrite_(std::move(wakeWrite)) {
+      wakeWrite_(std::move(wakeWrite)),
+      spare_(spareDescriptor()) {
   loop_.watch(wakeRead_.get(), POLLIN, [this](short) { finishJobs(); });
   loop_.watch(socket_.fd(), POLLIN, [this](short) { acceptClients(); });
 }
@@ -62,10 +67,18 @@ void LocalServer::acceptClients() {
   for (;;) {
     UniqueFd fd(::accept(socket_.fd(), nullptr, nullptr));
     if (!fd) {
-      // Out of descriptors the queue stays readable: look again when one of ours has been closed.
-      if ((errno == EMFILE || errno == ENFILE) && !(clients_.empty() && jobs_.empty()))
+      if (errno != EMFILE && errno != ENFILE) return;
+      // The queue stays readable. Either one of our descriptors will be closed, and we look again
+      // then, or nobody but those in the queue can go.
+      if (!(clients_.empty() && jobs_.empty())) {
         loop_.setEvents(socket_.fd(), 0);
-      return;
+        return;
+      }
+      spare_.reset();
+      const bool turnedAway = UniqueFd(::accept(socket_.fd(), nullptr, nullptr)).get() >= 0;
+      spare_ = spareDescriptor();
+      if (!turnedAway) return;
+      continue;
     }
     prepare(fd.get());
     if (peerUser(fd.get()) != ::geteuid()) {

@@ -101,6 +101,7 @@ class LocalServer {
   std::uint64_t nextJob_ = 0;
   UniqueFd wakeRead_;
   UniqueFd wakeWrite_;
+  UniqueFd spare_;  ///< given up in order to turn a client away when there is no other descriptor
   Mutex mutex_;
   std::vector<Finished> finished_ VESKO_GUARDED_BY(mutex_);
 };
