@@ -64,6 +64,9 @@ class CommandSession {
   const Invocation& invocation() const { return invocation_; }
   const std::string& argument(std::size_t index) const { return invocation_.arguments[index]; }
   bool json() const { return json_; }
+  const std::string& version() const { return environment_.version; }
+  /// Where the helper may be, in the order of looking.
+  std::vector<std::filesystem::path> sockets() const;
 
   /// The answer's body of a call that succeeded; otherwise the exit code, with everything said.
   std::expected<json::Value, int> call(const std::string& method, const std::string& path,
@@ -92,7 +95,6 @@ class CommandSession {
   std::expected<LocalClient*, int> client();
   std::expected<json::Value, int> accept(std::expected<LocalAnswer, LocalClientError> answer);
   std::expected<std::chrono::milliseconds, int> timeout();
-  std::vector<std::filesystem::path> sockets() const;
   /// The folder of the first socket whose folder exists; the consents lie there too.
   std::filesystem::path stateDirectory() const;
   /// What to do about a permission that the companion asks for.

@@ -10,6 +10,7 @@
 #include "base/file.h"
 #include "base/text.h"
 #include "helper/key_combination.h"
+#include "helper/mcp/command.h"
 
 namespace vesko {
 namespace {
@@ -379,6 +380,14 @@ constexpr CommandEntry commands[] = {
      "forget the answer, so that the companion may ask",
      {},
      consentReset},
+    {"mcp",
+     "",
+     0,
+     0,
+     "serve an assistant\nSpeaks the Model Context Protocol on standard input and output until the "
+     "assistant leaves.",
+     {},
+     serveMcp},
     {"help", "[COMMAND]", 0, 2, "show this help or that of a command", {}, help},
 };
 

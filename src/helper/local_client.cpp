@@ -17,6 +17,8 @@ using Clock = std::chrono::steady_clock;
 
 /// Beyond the call's own time: the connection to the control server and the way back.
 constexpr std::chrono::seconds margin{8};
+/// A tree of elements nests deeply.
+constexpr std::size_t maxAnswerDepth = 8192;
 
 std::unexpected<LocalClientError> lost(std::string message) {
   return std::unexpected(LocalClientError{std::nullopt, std::move(message)});
@@ -59,6 +61,15 @@ std::expected<LocalAnswer, LocalClientError> LocalClient::call(const std::string
                   timeout + margin);
 }
 
+void LocalClient::interrupt() {
+  ::shutdown(fd_.get(), SHUT_RDWR);
+}
+
+bool LocalClient::quiet() const {
+  pollfd ready{.fd = fd_.get(), .events = POLLIN, .revents = 0};
+  return ::poll(&ready, 1, 0) == 0;
+}
+
 std::expected<LocalAnswer, LocalClientError> LocalClient::exchange(
     const LocalRequest& request, std::chrono::milliseconds limit) {
   const auto deadline = Clock::now() + limit;
@@ -83,7 +94,7 @@ std::expected<LocalAnswer, LocalClientError> LocalClient::exchange(
   std::vector<char> chunk(65536);
   for (;;) {
     while (auto answer = lines_.next()) {
-      auto value = json::parse(answer->text);
+      auto value = json::parse(answer->text, maxAnswerDepth);
       AnswerRecord record;
       if (!value || !json::decodeInto(*value, record))
         return lost("the helper's answer is malformed");

@@ -36,6 +36,11 @@ class LocalClient {
                                                     std::optional<json::Value> body,
                                                     std::chrono::milliseconds timeout);
 
+  /// Makes the call under way fail. Any thread, while the client exists.
+  void interrupt();
+  /// Nothing has come and the helper has not left since the last answer.
+  bool quiet() const;
+
  private:
   explicit LocalClient(UniqueFd fd) : fd_(std::move(fd)) {}
 
