@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -75,6 +76,9 @@ struct json::EnumNames<PhotosPermission> {
       std::pair{PhotosPermission::notDetermined, std::string_view("not_determined")}};
 };
 
+/// Access to the user's address book.
+enum class ContactsPermission { notDetermined, denied, granted };
+
 /// Probes only: none of them asks the user. Any thread; cheap enough for every request.
 class PermissionProbes {
  public:
@@ -83,6 +87,15 @@ class PermissionProbes {
   virtual bool screenCaptureAllowed() = 0;
   virtual PhotosPermission photos() = 0;
   virtual AutomationStatus automation(AutomationTarget target) = 0;
+  virtual ContactsPermission contacts() { return ContactsPermission::notDetermined; }
+
+  /// Moves whenever an answer above may have changed; nothing where the desktop does not tell.
+  /// Cheaper than the probes, and never waits for another process.
+  virtual std::optional<std::uint64_t> changeCount() { return std::nullopt; }
+
+  /// A window that only the user may answer is on the screen: a question about a permission, or
+  /// the place where permissions are changed.
+  virtual bool privacyWindowShown() { return false; }
 };
 
 }  // namespace vesko

@@ -25,6 +25,7 @@ struct ProcessExit {
 struct ProcessLaunch {
   std::filesystem::path executable;
   Environment environment;
+  std::vector<std::string> arguments{};  ///< without the program's name
   /// Bytes of the child's standard output and error, as one read delivered them. Main thread.
   /// Both handlers may destroy the ChildProcess.
   std::move_only_function<void(std::string_view chunk)> onOutput;

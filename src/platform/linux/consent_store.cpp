@@ -82,12 +82,21 @@ void ConsentStore::refresh() {
   struct stat now{};
   const bool exists = ::lstat(file_.c_str(), &now) == 0;
   if (exists && content_.file && sameFile(now, content_.identity)) return;
-  if (auto loaded = load()) {
-    content_ = std::move(*loaded);
+  auto loaded = load();
+  Content content;
+  if (loaded) {
+    content = std::move(*loaded);
   } else {
-    content_ = {};
-    content_.problem = loaded.error();
+    content.problem = std::move(loaded.error());
   }
+  if (content.entries != content_.entries || content.problem != content_.problem) ++changes_;
+  content_ = std::move(content);
+}
+
+std::uint64_t ConsentStore::changeCount() {
+  const MutexLock lock(mutex_);
+  refresh();
+  return changes_;
 }
 
 ConsentState ConsentStore::state(Consent consent) {
@@ -164,6 +173,18 @@ AutomationStatus LinuxPermissionProbes::automation(AutomationTarget target) {
       break;
   }
   return {Kind::notDetermined};
+}
+
+ContactsPermission LinuxPermissionProbes::contacts() {
+  switch (store_.state(Consent::contacts)) {
+    case ConsentState::granted:
+      return ContactsPermission::granted;
+    case ConsentState::denied:
+      return ContactsPermission::denied;
+    case ConsentState::notDetermined:
+      break;
+  }
+  return ContactsPermission::notDetermined;
 }
 
 }  // namespace vesko

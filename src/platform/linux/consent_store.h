@@ -9,8 +9,10 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <cstdint>
 #include <expected>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -19,6 +21,7 @@
 #include "base/mutex.h"
 #include "base/property_list.h"
 #include "base/unique_fd.h"
+#include "platform/linux/privacy_window_mark.h"
 #include "platform/permissions.h"
 
 namespace vesko {
@@ -58,8 +61,13 @@ class ConsentStore {
   /// The file and its folder are made by the first set().
   explicit ConsentStore(std::filesystem::path file);
 
+  const std::filesystem::path& file() const { return file_; }
+
   /// One stat() as long as the file has not changed.
   ConsentState state(Consent consent);
+
+  /// Moves when the answers differ from those of the call before. One stat() when they do not.
+  std::uint64_t changeCount();
 
   /// Why the file's content does not count, for people to read; empty when it does.
   std::string problem();
@@ -85,20 +93,25 @@ class ConsentStore {
   const std::filesystem::path file_;
   Mutex mutex_;
   Content content_ VESKO_GUARDED_BY(mutex_);
+  std::uint64_t changes_ VESKO_GUARDED_BY(mutex_) = 0;
 };
 
 /// The probes that the tools ask before they act, answered from the store, which must outlive them.
 class LinuxPermissionProbes : public PermissionProbes {
  public:
-  explicit LinuxPermissionProbes(ConsentStore& store) : store_(store) {}
+  explicit LinuxPermissionProbes(ConsentStore& store) : store_(store), mark_(store.file()) {}
 
   bool accessibilityTrusted() override;
   bool screenCaptureAllowed() override;
   PhotosPermission photos() override;
   AutomationStatus automation(AutomationTarget target) override;
+  ContactsPermission contacts() override;
+  std::optional<std::uint64_t> changeCount() override { return store_.changeCount(); }
+  bool privacyWindowShown() override { return mark_.shown(); }
 
  private:
   ConsentStore& store_;
+  const PrivacyWindowMark mark_;
 };
 
 }  // namespace vesko

@@ -99,8 +99,12 @@ int spawn(const ProcessLaunch& launch, int input, int output, pid_t& pid) {
   environment.reserve(strings->size() + 1);
   for (std::string& text : *strings) environment.push_back(text.data());
   environment.push_back(nullptr);
-  std::string name = launch.executable.native();
-  std::array<char*, 2> arguments{name.data(), nullptr};
+  std::vector<std::string> words{launch.executable.native()};
+  words.insert(words.end(), launch.arguments.begin(), launch.arguments.end());
+  std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
 
   FileActions actions;
   Attributes attributes;
@@ -117,7 +121,7 @@ int spawn(const ProcessLaunch& launch, int input, int output, pid_t& pid) {
   // Close-on-exec covers our own descriptors; libraries and whoever started us may have left more.
   if (!error) error = posix_spawn_file_actions_addclosefrom_np(actions.get(), STDERR_FILENO + 1);
   if (error) return error;
-  return posix_spawn(&pid, name.c_str(), actions.get(), attributes.get(), arguments.data(),
+  return posix_spawn(&pid, words[0].c_str(), actions.get(), attributes.get(), arguments.data(),
                      environment.data());
 }
 

@@ -7,7 +7,9 @@ vesko_library(vesko_linux_system
     glib_main_loop.cpp
     host_names.cpp
     linux_child.cpp
+    linux_permission_requests.cpp
     linux_process_host.cpp
+    privacy_window_mark.cpp
     process_identity.cpp
   LIBS vesko_base)
 target_link_libraries(vesko_linux_system PRIVATE fmt::fmt PkgConfig::GLIB)
