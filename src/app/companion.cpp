@@ -3,6 +3,7 @@
 #include <iterator>
 #include <utility>
 
+#include "control_server/permission_routes.h"
 #include "control_server/tool_routes.h"
 
 namespace vesko {
@@ -10,13 +11,20 @@ namespace vesko {
 /// Answers what the daemon asks of the application.
 class Companion::Requests : public DaemonRequests {
  public:
-  Requests(AppState& state, AppLog& log) : DaemonRequests(log), state_(state) {}
+  Requests(AppState& state, AppLog& log, Permissions& permissions)
+      : DaemonRequests(log), state_(state), permissions_(permissions) {}
 
   // The daemon alone holds the device's token; that it is connected is what there is to know of it.
   void confirmPairing(const std::string&) override { state_.hasDeviceToken.set(true); }
 
+  void requestPhotosAccess() override {
+    assertMainThread();
+    permissions_.requestPhotos();
+  }
+
  private:
   AppState& state_;
+  Permissions& permissions_;
 };
 
 std::unique_ptr<Companion> Companion::create(Platform platform, ProcessIdentity identity) {
@@ -39,7 +47,7 @@ Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock i
       state_(defaults_),
       killer_(platform_.loop, log_),
       imports_(state_, log_),
-      requests_(std::make_unique<Requests>(state_, log_)),
+      requests_(std::make_unique<Requests>(state_, log_, permissions_)),
       supervisor_(
           {.state = state_,
            .log = log_,
@@ -52,26 +60,60 @@ Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock i
       lines_(state_, log_, platform_.loop, supervisor_, imports_, *requests_),
       inputControl_(platform_.input, platform_.pasteboard),
       screenRecording_(platform_.permissions),
-      screenCapture_(platform_.screen, screenRecording_) {
+      screenCapture_(platform_.screen, screenRecording_),
+      daemonGrants_(state_, log_, platform_.loop,
+                    [this] {
+                      assertMainThread();
+                      supervisor_.relaunchDaemon();
+                    }),
+      screenRecordingRelaunch_({.state = state_,
+                                .log = log_,
+                                .defaults = defaults_,
+                                .application = platform_.application},
+                               screenRecording_.launchedWithAccess()),
+      permissionMonitor_({.state = state_,
+                          .loop = platform_.loop,
+                          .queue = permissionReadings_,
+                          .probes = platform_.permissions,
+                          .grants = protectedGrants_,
+                          .daemonGrants = daemonGrants_,
+                          .relaunch = screenRecordingRelaunch_}),
+      permissions_({.state = state_,
+                    .log = log_,
+                    .requests = platform_.permissionRequests,
+                    .probes = platform_.permissions,
+                    .monitor = permissionMonitor_}),
+      automationApproval_(platform_.loop, permissions_) {
   supervisor_.setObserver(lines_);
 }
 
-Companion::~Companion() = default;
+Companion::~Companion() {
+  // A worker that waits for the user would hold up the end of the control server.
+  automationApproval_.cancel();
+}
 
 void Companion::start() {
   if (defaults_.loadProblem()) log_.write("ERROR " + *defaults_.loadProblem());
 
   supervisor_.killStrayDaemons(identity_.processId);
+  permissionMonitor_.seed();
   startControlServer();
   supervisor_.launchDaemon(std::nullopt);
+  permissionMonitor_.start();
 }
 
 void Companion::startControlServer() {
   std::vector<Route> routes = coreRoutes(platform_.permissions);
-  for (auto more : {captureRoutes(screenCapture_), inputRoutes(inputControl_)})
+  const auto requestMessagesAutomation = [this] {
+    const auto outcome = automationApproval_.request();
+    return MessagesAutomationOutcome{outcome.status, outcome.alreadyGranted};
+  };
+  for (auto more : {captureRoutes(screenCapture_), inputRoutes(inputControl_),
+                    permissionRoutes(requestMessagesAutomation)})
     routes.insert(routes.end(), std::make_move_iterator(more.begin()),
                   std::make_move_iterator(more.end()));
-  auto server = ControlServer::create(std::move(routes), platform_.permissions);
+  auto server = ControlServer::create(
+      leavePrivacyToTheUser(std::move(routes), platform_.permissions), platform_.permissions);
   if (!server) {
     log_.write("ERROR control server could not start: " + std::string(describe(server.error())));
     return;
@@ -94,6 +136,10 @@ void Companion::startControlServer() {
 }
 
 void Companion::terminate(Closure done) {
+  permissionMonitor_.stop();
+  daemonGrants_.cancel();
+  automationApproval_.cancel();
+  permissions_.cancel();
   supervisor_.cancelRestart();
   supervisor_.stopDaemon();
   if (controlServer_) controlServer_->stop();

@@ -6,14 +6,23 @@
 #include <memory>
 #include <string>
 
+#include "access/automation_approval.h"
+#include "access/daemon_grants.h"
+#include "access/permission_monitor.h"
+#include "access/permissions.h"
+#include "access/protected_grants.h"
+#include "access/screen_recording_relaunch.h"
 #include "app/instance_lock.h"
+#include "base/background_queue.h"
 #include "base/bundle.h"
 #include "base/directories.h"
 #include "base/main_loop.h"
 #include "control_server/control_server.h"
+#include "platform/application_lifetime.h"
 #include "platform/host_names.h"
 #include "platform/input_events.h"
 #include "platform/pasteboard.h"
+#include "platform/permission_requests.h"
 #include "platform/permissions.h"
 #include "platform/process_host.h"
 #include "platform/screen_source.h"
@@ -31,6 +40,8 @@ struct Platform {
   ProcessHost& processes;
   HostNames& hostNames;
   PermissionProbes& permissions;
+  PermissionRequests& permissionRequests;
+  ApplicationLifetime& application;
   InputEvents& input;
   Pasteboard& pasteboard;
   ScreenSource& screen;
@@ -81,6 +92,13 @@ class Companion {
   InputControl inputControl_;
   ScreenRecordingProcessState screenRecording_;
   ScreenCaptureService screenCapture_;
+  ProtectedGrants protectedGrants_;
+  DaemonGrantWatch daemonGrants_;
+  ScreenRecordingRelaunch screenRecordingRelaunch_;
+  SerialQueue permissionReadings_;
+  PermissionMonitor permissionMonitor_;
+  Permissions permissions_;
+  AutomationApproval automationApproval_;
   // Last: its workers use the tools above until it is gone.
   std::unique_ptr<ControlServer> controlServer_;
 };

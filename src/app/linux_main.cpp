@@ -1,18 +1,24 @@
 // The application's entry on a Linux desktop: makes the back end's services and runs the main loop.
 
 #include <fmt/format.h>
+#include <linux/close_range.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 #include "app/companion.h"
 #include "base/main_thread.h"
 #include "platform/linux/consent_store.h"
 #include "platform/linux/glib_main_loop.h"
 #include "platform/linux/host_names.h"
+#include "platform/linux/linux_permission_requests.h"
 #include "platform/linux/linux_process_host.h"
+#include "platform/linux/privacy_program.h"
 #include "platform/linux/x11_pasteboard.h"
 #include "platform/linux/x11_screen_source.h"
 #include "platform/linux/xtest_input.h"
@@ -46,15 +52,72 @@ int fail(std::string_view message) {
   return 1;
 }
 
-int run() {
+/// Ends the companion at a signal, or in order to be started anew.
+class Lifetime : public ApplicationLifetime {
+ public:
+  Lifetime(GlibMainLoop& loop, std::filesystem::path executable)
+      : loop_(loop), executable_(std::move(executable)) {}
+
+  void manage(Companion& companion) { companion_ = &companion; }
+
+  std::expected<void, std::string> relaunch() override {
+    if (::access(executable_.c_str(), X_OK) != 0)
+      return std::unexpected(std::string(std::strerror(errno)));
+    relaunching_ = true;
+    loop_.post([this] { end(); });
+    return {};
+  }
+
+  /// The user's wish: it holds also while a relaunch is under way.
+  void quit() {
+    relaunching_ = false;
+    end();
+  }
+
+  bool relaunching() const { return relaunching_; }
+
+ private:
+  void end() {
+    assertMainThread();
+    if (std::exchange(ending_, true)) return;
+    companion_->terminate([this] { loop_.quit(); });
+  }
+
+  GlibMainLoop& loop_;
+  const std::filesystem::path executable_;
+  Companion* companion_ = nullptr;
+  bool ending_ = false;
+  bool relaunching_ = false;
+};
+
+struct Result {
+  int exitCode = 0;
+  std::filesystem::path relaunch;  ///< the executable to go on as; empty for none
+};
+
+// In the same process, whose terminal, parent and number stay what they were: whoever waits for the
+// companion or ends it by its number, a shell in the foreground or a session manager, notices
+// nothing. The instance lock was let go with the companion; should another instance take it now,
+// that one has the new permission as well.
+int goOnAs(const std::filesystem::path& executable, char** arguments) {
+  // Those that are left were killed; the next image would know nothing of them.
+  while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+  }
+  ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+  ::execv(executable.c_str(), arguments);
+  return fail(fmt::format("could not be started again: {}", std::strerror(errno)));
+}
+
+Result run() {
   assertMainThread();
   const auto home = homeDirectory();
-  if (home.empty()) return fail("no home directory: set HOME");
+  if (home.empty()) return {fail("no home directory: set HOME"), {}};
   std::error_code error;
   const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
   const auto bundle = Bundle::containing(executable);
   if (!bundle)
-    return fail("started outside its application bundle; start it from \"Vesko Companion.app\"");
+    return {fail("started outside its application bundle; start it from \"Vesko Companion.app\""),
+            {}};
 
   std::signal(SIGPIPE, SIG_IGN);
   raiseDescriptorLimit();
@@ -68,43 +131,49 @@ int run() {
   XTestInput input;
   X11Pasteboard pasteboard;
   X11ScreenSource screen;
+  const auto environment = ownEnvironment();
+  LinuxPermissionRequests permissionRequests(
+      {.loop = loop,
+       .processes = processes,
+       .consents = consents,
+       .program = bundle->path() / "Contents/Resources" / privacyProgram::name,
+       .environment = environment});
+  Lifetime lifetime(loop, executable);
 
   const auto companion = Companion::create({.loop = loop,
                                             .processes = processes,
                                             .hostNames = hostNames,
                                             .permissions = permissions,
+                                            .permissionRequests = permissionRequests,
+                                            .application = lifetime,
                                             .input = input,
                                             .pasteboard = pasteboard,
                                             .screen = screen},
                                            {.bundle = *bundle,
                                             .directories = directories,
                                             .executable = executable,
-                                            .environment = ownEnvironment(),
+                                            .environment = environment,
                                             .processId = ::getpid()});
 
   if (!companion) {
     fmt::print(stderr, "VeskoCompanion: already running\n");
-    return 0;
+    return {};
   }
 
-  bool ending = false;
-  const auto end = [&] {
-    assertMainThread();
-    if (std::exchange(ending, true)) return;
-    companion->terminate([&loop] { loop.quit(); });
-  };
-  const UnixSignal terminated(SIGTERM, end);
-  const UnixSignal interrupted(SIGINT, end);
+  lifetime.manage(*companion);
+  const UnixSignal terminated(SIGTERM, [&] { lifetime.quit(); });
+  const UnixSignal interrupted(SIGINT, [&] { lifetime.quit(); });
 
   companion->start();
   loop.run();
-  return 0;
+  return {0, lifetime.relaunching() ? executable : std::filesystem::path()};
 }
 
 }  // namespace
 }  // namespace vesko
 
-int main() {
+int main(int, char** argv) {
   vesko::adoptMainThread();
-  return vesko::run();
+  const auto [exitCode, relaunch] = vesko::run();
+  return relaunch.empty() ? exitCode : vesko::goOnAs(relaunch, argv);
 }

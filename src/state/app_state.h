@@ -111,6 +111,11 @@ class AppState {
   Duration restartDelay VESKO_GUARDED_BY(mainThread) = std::chrono::seconds(1);
   std::optional<TimePoint> connectedAt VESKO_GUARDED_BY(mainThread);
   Duration stableConnectionWindow VESKO_GUARDED_BY(mainThread) = std::chrono::seconds(60);
+  /// Grows with every reading of the permissions that replaces those under way; results of an
+  /// older one are stale.
+  std::uint64_t permissionRefreshRevision VESKO_GUARDED_BY(mainThread) = 0;
+  /// contactsGranted holds what was found, so that a difference is a change by the user.
+  bool contactsPermissionBaselineSeeded VESKO_GUARDED_BY(mainThread) = false;
   std::optional<std::string> pairingCodeForRelaunch VESKO_GUARDED_BY(mainThread);
   /// Names of the data wipes that still run after an unpair.
   std::set<std::string> unpairWipesPending VESKO_GUARDED_BY(mainThread);

@@ -11,6 +11,7 @@
 #include <span>
 
 #include "companion_process.h"
+#include "platform/linux/consent_store.h"
 
 namespace vesko::test {
 namespace {
@@ -130,7 +131,8 @@ TEST(CompanionDesktop, asksForConsentsBeforeAnythingElse) {
   };
   expectAnswers(*server, exchanges);
   // One that is given while it runs holds at once.
-  installation.grantConsents();
+  ASSERT_TRUE(
+      ConsentStore(installation.consents()).set(Consent::accessibility, ConsentState::granted));
   EXPECT_EQ(ask(*server, "POST", "/clipboard/get").body,
             R"({"message":"clipboard text is unavailable"})");
 }
@@ -193,7 +195,7 @@ TEST(CompanionDesktop, isReachedFromTheCommandLine) {
   EXPECT_FALSE(std::filesystem::exists(picture));
   EXPECT_EQ(veskoctl({"click", "5", "5"}).exit, 4);
 
-  EXPECT_EQ(veskoctl({"consent", "grant", "accessibility", "screen_recording"}).exit, 0);
+  EXPECT_EQ(veskoctl({"consent", "grant", "accessibility"}).exit, 0);
   const Result status = veskoctl({"status", "--json"});
   EXPECT_EQ(status.exit, 0) << status.err;
   EXPECT_EQ(field(status.out, {"companion", "accessibility"}), "true");
@@ -204,19 +206,26 @@ TEST(CompanionDesktop, isReachedFromTheCommandLine) {
   EXPECT_NE(displays.out.find("640x480"), std::string::npos) << displays.out;
   EXPECT_EQ(veskoctl({"click", "5", "5"}).exit, 0);
 
-  // A process that captured nothing yet may capture once it is started with the consent.
-  companion->kill(SIGTERM);
-  EXPECT_EQ(companion->waitForExit(), 0) << companion->err();
-  EXPECT_EQ(veskoctl({"status"}).exit, 3);
-  const auto next = installation.start({{"DISPLAY", x.display()}});
-  ASSERT_TRUE(installation.waitForLog("control server announced on port", 2));
+  // Only a process that was started with the consent may capture: it starts itself anew, once, and
+  // stays the process that its user started.
+  const pid_t daemon = installation.lastDaemon();
+  EXPECT_EQ(veskoctl({"consent", "grant", "screen_recording"}).exit, 0);
+  ASSERT_TRUE(installation.waitForLog("control server announced on port", 2)) << installation.log();
+  EXPECT_TRUE(companion->running());
+  EXPECT_NE(installation.lastDaemon(), daemon);
+  EXPECT_EQ(companion->children(), std::vector{installation.lastDaemon()});
+  const std::string log = installation.log();
+  for (const char* line : {"screen recording newly granted; scheduling one-shot app relaunch",
+                           "screen recording relaunch helper started"})
+    EXPECT_NE(log.find(line), std::string::npos) << log;
   const Result captured = veskoctl({"--json", "capture", picture});
   EXPECT_EQ(captured.exit, 0) << captured.err << captured.out;
   EXPECT_EQ(field(captured.out, {"width"}), "640");
   EXPECT_EQ(field(captured.out, {"height"}), "480");
   EXPECT_TRUE(support::contentOf(picture).starts_with("\x89PNG\r\n\x1a\n"));
-  next->kill(SIGTERM);
-  EXPECT_EQ(next->waitForExit(), 0) << next->err();
+  companion->kill(SIGTERM);
+  EXPECT_EQ(companion->waitForExit(), 0) << companion->err();
+  EXPECT_EQ(veskoctl({"status"}).exit, 3);
 }
 
 }  // namespace

@@ -228,7 +228,8 @@ Installation::Installation(Helper helper) {
   fs::create_directories(contents() / "MacOS");
   fs::create_directories(contents() / "Resources");
   place(built / "Contents/MacOS/VeskoCompanion", executable());
-  place(built / "Contents/Resources/veskoctl", veskoctl());
+  for (const char* program : {"veskoctl", "vesko-privacy"})
+    place(built / "Contents/Resources" / program, contents() / "Resources" / program);
   const auto daemon = contents() / "Resources/veskokit-daemon";
   switch (helper) {
     case Helper::reporting:
@@ -255,7 +256,7 @@ Directories Installation::directories(std::string_view home) const {
 }
 
 void Installation::grantConsents() const {
-  ConsentStore store(directories().state / "consents.plist");
+  ConsentStore store(consents());
   for (const Consent consent : {Consent::accessibility, Consent::screenRecording})
     store.set(consent, ConsentState::granted).value();
 }

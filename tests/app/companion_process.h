@@ -133,6 +133,8 @@ class Installation {
   std::filesystem::path executable() const { return contents() / "MacOS/VeskoCompanion"; }
   std::filesystem::path veskoctl() const { return contents() / "Resources/veskoctl"; }
 
+  /// Where the user's consents are kept.
+  std::filesystem::path consents() const { return directories().state / "consents.plist"; }
   /// Grants both consents that the tools ask for.
   void grantConsents() const;
 
