@@ -40,6 +40,13 @@ class ConsentEditor {
   /// `state` is one of the words that list() shows.
   virtual std::expected<void, std::string> set(std::string_view consent,
                                                std::string_view state) = 0;
+
+  /// Has the user asked and waits for the answer: the state that holds then, undetermined when the
+  /// question was closed. The error is a text for people: it could not be asked.
+  virtual std::expected<std::string, std::string> request(std::string_view consent) = 0;
+  /// Opens the window in which the user changes consents, at one of them unless it is empty;
+  /// returns once it is on the screen.
+  virtual std::expected<void, std::string> showSettings(std::string_view consent) = 0;
 };
 
 struct CommandEnvironment {
