@@ -1,0 +1,137 @@
+#include "platform/linux/atspi_accessibility.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/linux/atspi_actor.h"
+#include "platform/linux/atspi_context.h"
+#include "platform/linux/atspi_reader.h"
+
+namespace vesko {
+namespace {
+
+using Clock = DBusConnection::Clock;
+
+// How long applications are given to come to the bus after accessibility was turned on.
+constexpr std::chrono::milliseconds arrivalTime{2000};
+constexpr int arrivalPauseMilliseconds = 20;
+
+class AtspiSession : public AccessibilitySession {
+ public:
+  AtspiSession(AtspiBus& pool, AtspiConnection connection, Clock::time_point deadline)
+      : pool_(pool),
+        bus_(std::move(connection.bus)),
+        justEnabled_(connection.justEnabled),
+        context_{bus_.get(), deadline, AtspiObjects(bus_.get())} {}
+  AtspiSession(const AtspiSession&) = delete;
+  AtspiSession& operator=(const AtspiSession&) = delete;
+  ~AtspiSession() override {
+    if (bus_) pool_.takeBack(std::move(bus_));
+  }
+
+  std::expected<AXElement, AXError> application(pid_t process) override {
+    if (!bus_) return std::unexpected(AXError::apiDisabled);
+    const auto patience = std::min(context_.deadline, Clock::now() + arrivalTime);
+    for (;;) {
+      if (const auto found = applicationOfProcess(process)) return *found;
+      if (context_.incomplete) return std::unexpected(AXError::cannotComplete);
+      if (!justEnabled_ || Clock::now() >= patience) break;
+      ::poll(nullptr, 0, arrivalPauseMilliseconds);
+    }
+    return std::unexpected(AXError::apiDisabled);
+  }
+
+  std::expected<AXElement, AXError> systemWide() override {
+    if (!bus_) return std::unexpected(AXError::apiDisabled);
+    return context_.objects.root(atspi::registry);
+  }
+
+  std::expected<AXElement, AXError> focusedWindow(AXElement application) override {
+    if (!bus_ || !context_.objects.contains(application))
+      return std::unexpected(AXError::invalidElement);
+    const auto children = read(std::span(&application, 1), axAttributes::children, maxWindows);
+    if (children[0].error != AXError::success) return std::unexpected(children[0].error);
+    std::vector<bool> active(children[0].children.size());
+    for (std::size_t i = 0; i < active.size(); ++i) {
+      context_.ask(children[0].children[i], atspi::accessible, "GetState", {},
+                   [&active, i](const DBusReply& reply) {
+                     const auto states = statesIn(reply);
+                     active[i] = states && states->has(AtspiStates::active);
+                   });
+    }
+    context_.run();
+    const auto found = std::ranges::find(active, true);
+    if (found == active.end()) return std::unexpected(AXError::noValue);
+    return children[0].children[static_cast<std::size_t>(found - active.begin())];
+  }
+
+  std::vector<AXElementState> read(std::span<const AXElement> elements, AXAttributeSet wanted,
+                                   std::size_t maxChildren) override {
+    return AtspiReader(context_, wanted, maxChildren).read(elements);
+  }
+
+  bool incomplete() const override { return context_.incomplete; }
+
+  AXError setFocused(AXElement element) override {
+    return AtspiActor(context_).setFocused(element);
+  }
+  AXError perform(AXElement element, AXAction action) override {
+    return AtspiActor(context_).perform(element, action);
+  }
+  AXError setValue(AXElement element, std::string_view value) override {
+    return AtspiActor(context_).setValue(element, value);
+  }
+
+ private:
+  static constexpr std::size_t maxWindows = 1000;
+
+  std::optional<AXElement> applicationOfProcess(pid_t process) {
+    std::vector<std::string> names;
+    context_.bus->call(bus_->peer(atspi::registry), atspi::rootPath, atspi::accessible,
+                       "GetChildren", {}, [&](const DBusReply& reply) {
+                         if (atspiError(reply) == AXError::cannotComplete)
+                           context_.incomplete = true;
+                         if (!reply.is("a(so)")) return;
+                         DBusReader body = reply.body;
+                         DBusReader list = body.array(8);
+                         while (list.more()) {
+                           list.structure();
+                           names.emplace_back(list.text());
+                           list.text();
+                         }
+                       });
+    context_.run();
+    std::vector<pid_t> processes(names.size());
+    constexpr std::string_view daemon = "org.freedesktop.DBus";
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      bus_->call(bus_->peer(daemon), "/org/freedesktop/DBus", daemon, "GetConnectionUnixProcessID",
+                 DBusArguments().add(std::string_view(names[i])),
+                 [&processes, i](const DBusReply& reply) {
+                   if (reply.is("u"))
+                     processes[i] = static_cast<pid_t>(DBusReader(reply.body).uint32());
+                 });
+    }
+    context_.run();
+    const auto found = std::ranges::find(processes, process);
+    if (found == processes.end()) return std::nullopt;
+    return context_.objects.root(names[static_cast<std::size_t>(found - processes.begin())]);
+  }
+
+  AtspiBus& pool_;
+  std::unique_ptr<DBusConnection> bus_;
+  bool justEnabled_;
+  AtspiContext context_;
+};
+
+}  // namespace
+
+AtspiAccessibility::AtspiAccessibility(std::chrono::milliseconds keepFor) : bus_(keepFor) {}
+
+std::unique_ptr<AccessibilitySession> AtspiAccessibility::begin(
+    std::chrono::steady_clock::time_point deadline) {
+  return std::make_unique<AtspiSession>(bus_, bus_.acquire(deadline), deadline);
+}
+
+}  // namespace vesko

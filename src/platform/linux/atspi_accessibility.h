@@ -1,0 +1,29 @@
+// The accessibility of the desktop's applications over AT-SPI.
+//
+// Each session has a connection to the accessibility bus of its own, so that none waits for
+// another's; begin() copes with a bus that is absent, starts later or was started anew. The first
+// session turns on org.a11y.Status.IsEnabled, upon which applications tell of their elements; it
+// stays on and is kept by the desktop's settings as any assistive program's doing.
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "platform/accessibility.h"
+#include "platform/linux/atspi_bus.h"
+
+namespace vesko {
+
+class AtspiAccessibility : public Accessibility {
+ public:
+  /// A connection is kept so long for the next session.
+  explicit AtspiAccessibility(std::chrono::milliseconds keepFor = std::chrono::seconds(20));
+
+  std::unique_ptr<AccessibilitySession> begin(
+      std::chrono::steady_clock::time_point deadline) override;
+
+ private:
+  AtspiBus bus_;
+};
+
+}  // namespace vesko

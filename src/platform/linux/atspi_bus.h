@@ -1,0 +1,60 @@
+// The way to the accessibility bus: asks the session for it, turns accessibility on, and keeps
+// connections between requests.
+//
+// Nothing is subscribed to, so that an idle connection delivers nothing. While it stands, some
+// applications keep their lists of elements up to date for it, so one is kept for a short while
+// only; a thread that lives no longer than that closes it.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <thread>
+
+#include "base/mutex.h"
+#include "platform/linux/dbus_connection.h"
+
+namespace vesko {
+
+/// Names on the accessibility bus.
+namespace atspi {
+inline constexpr std::string_view registry = "org.a11y.atspi.Registry";
+inline constexpr std::string_view rootPath = "/org/a11y/atspi/accessible/root";
+inline constexpr std::string_view nullPath = "/org/a11y/atspi/null";
+}  // namespace atspi
+
+/// A connection that is one session's.
+struct AtspiConnection {
+  std::unique_ptr<DBusConnection> bus;
+  /// Accessibility was off until now: applications are only just coming.
+  bool justEnabled = false;
+};
+
+/// Any thread.
+class AtspiBus {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit AtspiBus(std::chrono::milliseconds keepFor);
+  AtspiBus(const AtspiBus&) = delete;
+  AtspiBus& operator=(const AtspiBus&) = delete;
+  ~AtspiBus();
+
+  /// No bus when the session has none or it does not answer in time.
+  AtspiConnection acquire(Clock::time_point deadline);
+  void takeBack(std::unique_ptr<DBusConnection> bus);
+
+ private:
+  void releaseWhenIdle();
+
+  const std::chrono::milliseconds keepFor_;
+  Mutex mutex_;
+  std::condition_variable_any closed_;
+  std::unique_ptr<DBusConnection> idle_ VESKO_GUARDED_BY(mutex_);
+  Clock::time_point releaseAt_ VESKO_GUARDED_BY(mutex_);
+  bool closing_ VESKO_GUARDED_BY(mutex_) = false;
+  bool releasing_ VESKO_GUARDED_BY(mutex_) = false;
+  std::jthread releaser_ VESKO_GUARDED_BY(mutex_);
+};
+
+}  // namespace vesko

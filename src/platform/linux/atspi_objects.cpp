@@ -1,0 +1,138 @@
+#include "platform/linux/atspi_objects.h"
+
+#include <algorithm>
+#include <tuple>
+#include <utility>
+
+#include "base/utf8.h"
+#include "platform/linux/atspi_bus.h"
+
+namespace vesko {
+namespace {
+
+AtspiInterfaces interfacesFrom(DBusReader names) {
+  constexpr std::string_view prefix = "org.a11y.atspi.";
+  AtspiInterfaces found{false, false, false, false};
+  while (names.more()) {
+    std::string_view name = names.text();
+    if (!name.starts_with(prefix)) continue;
+    name.remove_prefix(prefix.size());
+    found.component = found.component || name == "Component";
+    found.selection = found.selection || name == "Selection";
+    found.text = found.text || name == "Text";
+    found.value = found.value || name == "Value";
+  }
+  return found;
+}
+
+AtspiStates statesFrom(DBusReader words) {
+  const std::uint64_t low = words.more() ? words.uint32() : 0;
+  const std::uint64_t high = words.more() ? words.uint32() : 0;
+  return AtspiStates(high << 32 | low);
+}
+
+}  // namespace
+
+std::string boundedText(std::string_view text) {
+  if (text.size() > maxAXValueBytes) {
+    std::size_t end = maxAXValueBytes;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+    text = text.substr(0, end);
+  }
+  return isValidUtf8(text) ? std::string(text) : std::string();
+}
+
+std::uint32_t AtspiObjects::applicationNamed(std::string_view busName) {
+  const auto [found, added] = applicationNumbers_.try_emplace(
+      std::string(busName), static_cast<std::uint32_t>(applications_.size()));
+  if (added) applications_.push_back({.peer = bus_ ? bus_->peer(busName) : 0});
+  return found->second;
+}
+
+const std::string& AtspiObjects::busName(std::uint32_t application) const {
+  return bus_->nameOf(applications_[application].peer);
+}
+
+AXElement AtspiObjects::element(std::string_view busName, std::string_view path, AXElement parent) {
+  const std::uint32_t application = applicationNamed(busName);
+  std::string key(path);
+  key += '\n';
+  key += std::to_string(application);
+  const auto [found, added] =
+      numbers_.try_emplace(std::move(key), static_cast<AXElement>(objects_.size()));
+  if (added) {
+    AtspiObject& object = objects_.emplace_back();
+    object.application = application;
+    object.path = std::string_view(found->first).substr(0, path.size());
+    object.parent = parent;
+  }
+  return found->second;
+}
+
+AXElement AtspiObjects::root(std::string_view busName) {
+  return element(busName, atspi::rootPath, static_cast<AXElement>(objects_.size()));
+}
+
+void AtspiObjects::learn(std::uint32_t application, const DBusReply& items) {
+  if (!items.is(atspiItemsType)) return;
+  const std::string name = busName(application);
+  struct Place {
+    AXElement parent;
+    std::int32_t index;
+    AXElement child;
+  };
+  std::vector<Place> places;
+  std::unordered_map<AXElement, std::int32_t> counts;
+  DBusReader body = items.body;
+  DBusReader list = body.array(8);
+  while (list.more()) {
+    list.structure();
+    list.structure();
+    const std::string_view bus = list.text();
+    const std::string_view path = list.text();
+    list.structure();
+    list.text();  // its application
+    list.text();
+    list.structure();
+    const std::string_view parentBus = list.text();
+    const std::string_view parentPath = list.text();
+    const std::int32_t index = list.int32();
+    const std::int32_t childCount = list.int32();
+    AtspiFacts facts;
+    facts.interfaces = interfacesFrom(list.array(4));
+    facts.name = boundedText(list.text());
+    facts.role = list.uint32();
+    list.text();  // its description
+    facts.states = statesFrom(list.array(4));
+    if (!list.ok()) return;
+    if (bus != name) continue;
+    const bool hasParent = parentBus == name && parentPath != atspi::nullPath;
+    const AXElement parent = hasParent ? element(parentBus, parentPath, root(name)) : root(name);
+    const AXElement child = element(bus, path, parent);
+    AtspiObject& object = objects_[child];
+    object.hasFacts = true;
+    object.role = facts.role;
+    object.facts = std::move(facts);
+    counts[child] = childCount;
+    if (hasParent && parent != child) places.push_back({parent, index, child});
+  }
+  std::ranges::sort(places, {}, [](const Place& p) { return std::tuple(p.parent, p.index); });
+  // A list of children counts when it is exactly as long as the application says and in one order.
+  for (const auto& [parent, count] : counts) {
+    const auto of = std::ranges::equal_range(places, parent, {}, &Place::parent);
+    AtspiObject& object = objects_[parent];
+    std::int32_t expected = 0;
+    std::vector<AXElement> children;
+    for (const Place& place : of) {
+      if (place.index == expected) ++expected;
+      children.push_back(place.child);
+    }
+    object.hasChildren = count == expected && std::ssize(children) == count;
+    if (object.hasChildren) {
+      for (const AXElement child : children) objects_[child].parent = parent;
+      object.children = std::move(children);
+    }
+  }
+}
+
+}  // namespace vesko

@@ -1,0 +1,93 @@
+// The elements that a session has met, numbered, with what their applications have told of all of
+// them at once.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/accessibility.h"
+#include "platform/linux/atspi_roles.h"
+#include "platform/linux/atspi_toolkit.h"
+#include "platform/linux/dbus_connection.h"
+
+namespace vesko {
+
+/// The interfaces of an element that matter here.
+struct AtspiInterfaces {
+  bool component = true;
+  bool selection = true;
+  bool text = true;
+  bool value = true;
+};
+
+/// What an element is. Most of it comes with the list of all elements where an application keeps
+/// one, else each element is asked.
+struct AtspiFacts {
+  std::uint32_t role = atspiRole::invalid;
+  std::string name = {};
+  AtspiStates states = {};
+  AtspiInterfaces interfaces = {};
+};
+
+/// A name on the bus with elements: an application, or the part of one that shows web pages.
+struct AtspiApplication {
+  DBusConnection::Peer peer = 0;
+  AtspiToolkit toolkit = AtspiToolkit::unknown;
+  bool toolkitKnown = false;
+  bool listed = false;  ///< its list of elements was asked for
+  pid_t process = 0;    ///< 0 until asked
+};
+
+struct AtspiObject {
+  std::uint32_t application = 0;
+  std::string_view path;
+  AXElement parent = 0;  ///< through which it was met first; itself for a root
+  bool hasFacts = false;
+  bool hasChildren = false;                 ///< `children` is all of them, in order
+  std::uint32_t role = atspiRole::invalid;  ///< as last seen
+  AtspiFacts facts;
+  std::vector<AXElement> children;
+  /// The part of the screen in which it can be seen, when the frame was read.
+  std::optional<Rect> seenIn;
+};
+
+/// One thread.
+class AtspiObjects {
+ public:
+  explicit AtspiObjects(DBusConnection* bus) : bus_(bus) {}
+
+  /// The same number for the same name and path.
+  AXElement element(std::string_view busName, std::string_view path, AXElement parent);
+  AXElement root(std::string_view busName);
+
+  AtspiObject& object(AXElement element) { return objects_[element]; }
+  AtspiApplication& application(std::uint32_t number) { return applications_[number]; }
+  AtspiApplication& applicationOf(AXElement element) {
+    return applications_[objects_[element].application];
+  }
+  bool contains(AXElement element) const { return element < objects_.size(); }
+  const std::string& busName(std::uint32_t application) const;
+
+  /// Takes over an answer to Cache.GetItems.
+  void learn(std::uint32_t application, const DBusReply& items);
+
+ private:
+  std::uint32_t applicationNamed(std::string_view busName);
+
+  DBusConnection* bus_;
+  std::deque<AtspiObject> objects_;
+  std::vector<AtspiApplication> applications_;
+  std::unordered_map<std::string, std::uint32_t> applicationNumbers_;
+  std::unordered_map<std::string, AXElement> numbers_;  ///< by application and path
+};
+
+/// At most maxAXValueBytes of a text, whole characters.
+std::string boundedText(std::string_view text);
+
+inline constexpr std::string_view atspiItemsType = "a((so)(so)(so)iiassusau)";
+
+}  // namespace vesko

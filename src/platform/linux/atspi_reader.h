@@ -1,0 +1,54 @@
+// Reads many elements at once: everything that is asked of them is under way together.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "platform/accessibility.h"
+#include "platform/linux/atspi_context.h"
+
+namespace vesko {
+
+/// For one call of AccessibilitySession::read().
+class AtspiReader {
+ public:
+  AtspiReader(AtspiContext& context, AXAttributeSet wanted, std::size_t maxChildren)
+      : context_(context), wanted_(wanted), maxChildren_(maxChildren) {}
+
+  std::vector<AXElementState> read(std::span<const AXElement> elements);
+
+ private:
+  struct Item {
+    AXElement element = 0;
+    AXElementState state = {};
+    AtspiFacts facts = {};
+    AtspiKind kind = {};
+    unsigned factsAwaited = 0;
+    std::vector<std::optional<AXElement>> byIndex = {};  ///< children that are asked for one by one
+  };
+
+  bool wants(AXAttributeSet attribute) const { return (wanted_ & attribute) != 0; }
+  void listElements(std::span<const AXElement> elements);
+  void visitUnlisted(std::uint32_t application, std::span<const AXElement> from);
+  void start(Item& item);
+  void askFacts(Item& item);
+  void factArrived(Item& item);
+  void askRest(Item& item);
+  void tellFacts(Item& item);
+  void askFrame(Item& item);
+  void setFrame(Item& item, std::optional<Rect> frame);
+  void askValue(Item& item);
+  void askText(Item& item);
+  void askChoice(Item& item);
+  void askChildren(Item& item);
+  void askChildrenByIndex(Item& item, std::size_t count);
+  void takeChildren(Item& item, const DBusReply& reply);
+  /// False when it is no value; what the session misses by that is noted.
+  bool got(const DBusReply& reply);
+
+  AtspiContext& context_;
+  const AXAttributeSet wanted_;
+  const std::size_t maxChildren_;
+};
+
+}  // namespace vesko

@@ -1,0 +1,39 @@
+#include "platform/linux/atspi_toolkit.h"
+
+namespace vesko {
+
+AtspiToolkit atspiToolkit(std::string_view name, std::string_view version) {
+  if (name == "GTK" || (name == "gtk" && version.starts_with("4"))) return AtspiToolkit::gtk4;
+  if (name == "gtk") return AtspiToolkit::gtk3;
+  if (name == "Qt") return AtspiToolkit::qt;
+  if (name == "WebKitGTK" || name == "WebKitGtk") return AtspiToolkit::webkit;
+  return AtspiToolkit::unknown;
+}
+
+bool listsElements(AtspiToolkit toolkit) {
+  return toolkit == AtspiToolkit::gtk3 || toolkit == AtspiToolkit::gtk4;
+}
+
+bool listsVisitedElementsOnly(AtspiToolkit toolkit) {
+  return toolkit == AtspiToolkit::gtk4;
+}
+
+bool tellsShowing(AtspiToolkit toolkit) {
+  return toolkit != AtspiToolkit::gtk4;
+}
+
+bool extentsInWindow(AtspiToolkit toolkit) {
+  return toolkit == AtspiToolkit::gtk4;
+}
+
+bool isClassName(AtspiToolkit toolkit, std::string_view name) {
+  return toolkit == AtspiToolkit::gtk4 && (name.starts_with("Gtk") || name.starts_with("Adw")) &&
+         name.size() > 3 && name[3] >= 'A' && name[3] <= 'Z' &&
+         name.find(' ') == std::string_view::npos;
+}
+
+bool grabsFocus(AtspiToolkit toolkit) {
+  return toolkit != AtspiToolkit::gtk4;
+}
+
+}  // namespace vesko

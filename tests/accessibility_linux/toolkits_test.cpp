@@ -1,0 +1,161 @@
+// The same form in each toolkit: what accessibility tells of it is compared with what the program
+// itself says, and what is done to it with what the program reports.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "accessible_app.h"
+#include "platform/linux/atspi_accessibility.h"
+
+namespace vesko::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+struct Toolkit {
+  const char* name;
+  const char* program;
+  std::vector<std::string> arguments;
+};
+
+class ToolkitTest : public ::testing::TestWithParam<Toolkit> {
+ protected:
+  void look() {
+    session_ = accessibility_.begin(Clock::now() + 10s);
+    const auto root = session_->application(app_.pid());
+    ASSERT_TRUE(root) << static_cast<int>(root.error());
+    elements_ = walk(*session_, *root);
+    EXPECT_FALSE(session_->incomplete());
+  }
+  const Met& met(std::string_view role, std::string_view title) {
+    const Met* found = find(elements_, role, title);
+    EXPECT_TRUE(found) << role << " " << title;
+    static const Met nothing;
+    return found ? *found : nothing;
+  }
+  bool reports(std::string_view line) { return app_.program().waitForLine(line); }
+
+  AccessibleApp app_{GetParam().program, GetParam().arguments};
+  AtspiAccessibility accessibility_;
+  std::unique_ptr<AccessibilitySession> session_;
+  std::vector<Met> elements_;
+};
+
+TEST_P(ToolkitTest, TellsWhatTheControlsAre) {
+  look();
+  struct Expected {
+    const char* role;
+    const char* title;
+    std::optional<std::string> subrole;
+    std::optional<std::string> value;
+    bool enabled;
+  };
+  const Expected expected[] = {
+      {"AXStaticText", "A Label", {}, "A Label", true},
+      {"AXButton", "Save As…", {}, {}, true},
+      {"AXButton", "Disabled", {}, {}, false},
+      {"AXCheckBox", "Check", {}, "0", true},
+      {"AXTextField", "The Entry", {}, "first 世界 👋", true},
+      {"AXTextField", "The Secret", "AXSecureTextField", "••••••", true},
+      {"AXSlider", "The Scale", {}, "25", true},
+      {"AXIncrementor", "The Spin", {}, "3", true},
+      {"AXPopUpButton", "The Combo", {}, "Green", true},
+      {"AXRadioButton", "One", "AXTabButton", "1", true},
+      {"AXRadioButton", "Two", "AXTabButton", "0", true},
+      {"AXCell", "cell 3", {}, "cell 3", true},
+      {"AXMenuBarItem", "File Menu", {}, {}, true},
+  };
+  for (const Expected& wanted : expected) {
+    SCOPED_TRACE(std::string(wanted.role) + " " + wanted.title);
+    const AXElementState& state = met(wanted.role, wanted.title).state;
+    EXPECT_EQ(state.subrole, wanted.subrole);
+    EXPECT_EQ(state.value, wanted.value);
+    EXPECT_EQ(state.enabled, wanted.enabled);
+  }
+  EXPECT_EQ(elements_.front().state.role, "AXApplication");
+  EXPECT_EQ(elements_[1].state.role, "AXWindow");
+}
+
+TEST_P(ToolkitTest, TellsWhereTheControlsAre) {
+  for (const char* place : {"", "move 20 40", "move 333 111"}) {
+    SCOPED_TRACE(place);
+    app_.send(place);
+    // The window manager moves it when it likes.
+    EXPECT_TRUE(eventually(
+        [&] {
+          const auto own = app_.ownFrames();
+          look();
+          for (const char* title :
+               {"Save As…", "Disabled", "Check", "The Entry", "The Scale", "Scroll 1"}) {
+            const auto found = std::ranges::find(
+                elements_, title, [](const Met& m) { return m.state.title.value_or(""); });
+            if (found == elements_.end() || found->state.frame != own.at(title)) return false;
+          }
+          return true;
+        },
+        5s));
+  }
+  // What does not show: pages and menus that are closed, and what is scrolled away.
+  for (const Met& met : elements_) {
+    for (const char* title : {"On Page Two", "Collapsed", "Scroll 5", "Open Item", "In Popover"}) {
+      if (met.state.title != title || !met.state.frame) continue;
+      EXPECT_LE(met.state.frame->x + met.state.frame->w, 0) << title;
+    }
+  }
+}
+
+TEST_P(ToolkitTest, Acts) {
+  look();
+  AccessibilitySession& session = *session_;
+  EXPECT_EQ(session.perform(met("AXButton", "Save As…").element, AXAction::press),
+            AXError::success);
+  EXPECT_TRUE(reports("clicked Save As…"));
+  EXPECT_NE(session.perform(met("AXButton", "Disabled").element, AXAction::press),
+            AXError::success);
+  EXPECT_EQ(session.perform(met("AXStaticText", "A Label").element, AXAction::increment),
+            AXError::actionUnsupported);
+  const AXElement entry = met("AXTextField", "The Entry").element;
+  EXPECT_EQ(session.setValue(entry, "日本語 🎉"), AXError::success);
+  EXPECT_TRUE(reports("entry 日本語 🎉"));
+  const AXElement check = met("AXCheckBox", "Check").element;
+  EXPECT_EQ(session.setValue(check, "1"), AXError::success);
+  EXPECT_TRUE(reports("check 1"));
+  EXPECT_EQ(session.setValue(check, "yes"), AXError::illegalArgument);
+  const AXElement scale = met("AXSlider", "The Scale").element;
+  EXPECT_EQ(session.setValue(scale, "70"), AXError::success);
+  EXPECT_TRUE(reports("scale 70"));
+  EXPECT_EQ(session.perform(scale, AXAction::increment), AXError::success);
+  EXPECT_EQ(session.setValue(scale, "nan"), AXError::illegalArgument);
+  EXPECT_EQ(session.setValue(scale, "101"), AXError::illegalArgument);
+  EXPECT_EQ(session.setValue(met("AXPopUpButton", "The Combo").element, "Blue"), AXError::success);
+  EXPECT_TRUE(reports("combo 2"));
+  EXPECT_EQ(session.setValue(met("AXStaticText", "A Label").element, "x"),
+            AXError::attributeUnsupported);
+}
+
+TEST_P(ToolkitTest, TellsOfElementsThatAreGone) {
+  look();
+  const AXElement button = met("AXButton", "Save As…").element;
+  app_.send("remove");
+  EXPECT_TRUE(reports("removed"));
+  EXPECT_EQ(session_->perform(button, AXAction::press), AXError::invalidElement);
+  auto later = accessibility_.begin(Clock::now() + 5s);
+  EXPECT_FALSE(find(walk(*later, *later->application(app_.pid())), "AXButton", "Save As…"));
+  const AXElement entry = met("AXTextField", "The Entry").element;
+  app_.program().signal(SIGSTOP);
+  EXPECT_EQ(session_->perform(entry, AXAction::press), AXError::cannotComplete);
+  app_.program().signal(SIGKILL);
+  app_.program().wait();
+  EXPECT_EQ(accessibility_.begin(Clock::now() + 5s)->application(app_.pid()).error(),
+            AXError::apiDisabled);
+}
+
+INSTANTIATE_TEST_SUITE_P(, ToolkitTest,
+                         ::testing::Values(Toolkit{"gtk3", "accessible_gtk3", {"form"}},
+                                           Toolkit{"gtk3csd", "accessible_gtk3", {"form", "csd"}}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace vesko::test
