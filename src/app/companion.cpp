@@ -61,6 +61,7 @@ Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock i
       inputControl_(platform_.input, platform_.pasteboard),
       screenRecording_(platform_.permissions),
       screenCapture_(platform_.screen, screenRecording_),
+      appWindowControl_(platform_.applications, platform_.windows),
       daemonGrants_(state_, log_, platform_.loop,
                     [this] {
                       assertMainThread();
@@ -108,8 +109,9 @@ void Companion::startControlServer() {
     const auto outcome = automationApproval_.request();
     return MessagesAutomationOutcome{outcome.status, outcome.alreadyGranted};
   };
-  for (auto more : {captureRoutes(screenCapture_), inputRoutes(inputControl_),
-                    permissionRoutes(requestMessagesAutomation)})
+  for (auto more :
+       {captureRoutes(screenCapture_), inputRoutes(inputControl_),
+        appWindowRoutes(appWindowControl_), permissionRoutes(requestMessagesAutomation)})
     routes.insert(routes.end(), std::make_move_iterator(more.begin()),
                   std::make_move_iterator(more.end()));
   auto server = ControlServer::create(

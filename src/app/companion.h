@@ -19,6 +19,7 @@
 #include "base/main_loop.h"
 #include "control_server/control_server.h"
 #include "platform/application_lifetime.h"
+#include "platform/applications.h"
 #include "platform/host_names.h"
 #include "platform/input_events.h"
 #include "platform/pasteboard.h"
@@ -28,6 +29,7 @@
 #include "platform/screen_source.h"
 #include "state/control_lines.h"
 #include "state/daemon_supervisor.h"
+#include "tools/app_window_control.h"
 #include "tools/input_control.h"
 #include "tools/screen_capture.h"
 #include "tools/screen_recording_state.h"
@@ -45,6 +47,8 @@ struct Platform {
   InputEvents& input;
   Pasteboard& pasteboard;
   ScreenSource& screen;
+  Applications& applications;
+  WindowSystem& windows;
 };
 
 /// Who and where this process is.
@@ -92,6 +96,7 @@ class Companion {
   InputControl inputControl_;
   ScreenRecordingProcessState screenRecording_;
   ScreenCaptureService screenCapture_;
+  AppWindowControl appWindowControl_;
   ProtectedGrants protectedGrants_;
   DaemonGrantWatch daemonGrants_;
   ScreenRecordingRelaunch screenRecordingRelaunch_;

@@ -16,11 +16,13 @@
 #include "platform/linux/consent_store.h"
 #include "platform/linux/glib_main_loop.h"
 #include "platform/linux/host_names.h"
+#include "platform/linux/linux_applications.h"
 #include "platform/linux/linux_permission_requests.h"
 #include "platform/linux/linux_process_host.h"
 #include "platform/linux/privacy_program.h"
 #include "platform/linux/x11_pasteboard.h"
 #include "platform/linux/x11_screen_source.h"
+#include "platform/linux/x11_window_system.h"
 #include "platform/linux/xtest_input.h"
 
 extern char** environ;
@@ -139,6 +141,9 @@ Result run() {
        .program = bundle->path() / "Contents/Resources" / privacyProgram::name,
        .environment = environment});
   Lifetime lifetime(loop, executable);
+  X11Sessions sessions;
+  X11WindowSystem windows(sessions);
+  LinuxApplications applications(loop, sessions, windows, environment);
 
   const auto companion = Companion::create({.loop = loop,
                                             .processes = processes,
@@ -148,7 +153,9 @@ Result run() {
                                             .application = lifetime,
                                             .input = input,
                                             .pasteboard = pasteboard,
-                                            .screen = screen},
+                                            .screen = screen,
+                                            .applications = applications,
+                                            .windows = windows},
                                            {.bundle = *bundle,
                                             .directories = directories,
                                             .executable = executable,

@@ -51,6 +51,7 @@ class TestServer {
   TestServer& operator=(const TestServer&) = delete;
   ~TestServer() { stop(); }
 
+  void signal(int number) const { ::kill(pid_, number); }
   void stop() {
     if (pid_ == 0) return;
     ::kill(pid_, SIGKILL);
