@@ -93,7 +93,9 @@ std::expected<DisplayListResponse, CaptureError> ScreenCaptureService::listDispl
          .width = std::llround(width),
          .height = std::llround(height),
          .scale = std::min(display.pixelsWide / width, display.pixelsHigh / height),
-         .primary = display.primary});
+         .primary = display.primary,
+         .x = display.bounds.x,
+         .y = display.bounds.y});
   }
   return response;
 }

@@ -64,12 +64,17 @@ struct DisplayInfo {
   std::int64_t height = 0;  ///< points
   double scale = 1;         ///< pixels for a point
   bool primary = false;
+  double x = 0;  ///< top left corner in global points
+  double y = 0;
 
   static constexpr auto jsonFields() {
-    return std::tuple{
-        json::field("id", &DisplayInfo::id), json::field("width", &DisplayInfo::width),
-        json::field("height", &DisplayInfo::height), json::field("scale", &DisplayInfo::scale),
-        json::field("primary", &DisplayInfo::primary)};
+    return std::tuple{json::field("id", &DisplayInfo::id),
+                      json::field("width", &DisplayInfo::width),
+                      json::field("height", &DisplayInfo::height),
+                      json::field("scale", &DisplayInfo::scale),
+                      json::field("primary", &DisplayInfo::primary),
+                      json::field("x", &DisplayInfo::x),
+                      json::field("y", &DisplayInfo::y)};
   }
 };
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "helper/mcp/json_rpc.h"
+#include "helper/mcp/tool_result.h"
 
 namespace vesko::mcp {
 namespace {
@@ -23,6 +24,10 @@ std::string range(const Value& schema, std::string_view least, std::string_view 
   if (const auto to = limit(schema, most))
     text += fmt::format(" {} {}", text.empty() ? "up to" : "to", *to);
   return text;
+}
+
+std::string counted(const std::string& limits, std::string_view what) {
+  return limits.empty() ? "" : fmt::format(" of{} {}", limits, what);
 }
 
 bool within(const Value& schema, std::string_view least, std::string_view most, double number) {
@@ -44,6 +49,12 @@ std::size_t length(const std::string& text) {
       std::ranges::count_if(text, [](char c) { return (c & 0xC0) != 0x80; }));
 }
 
+/// What stands between a key and the problem of its value.
+std::string_view joint(std::string_view problem) {
+  if (problem.starts_with('[')) return "";
+  return problem.starts_with("expected ") || problem.starts_with("unknown ") ? ": " : ".";
+}
+
 std::optional<std::string> checkObject(const Value& schema, const Value& value) {
   if (!value.asObject()) return "expected an object";
   const Value* properties = objectMember(schema, "properties");
@@ -58,11 +69,11 @@ std::optional<std::string> checkObject(const Value& schema, const Value& value) 
       std::string known;
       for (const auto& entry : properties ? *properties->asObject() : json::Object())
         known += (known.empty() ? "" : ", ") + entry.first;
-      return fmt::format("unknown argument; there are: {}", known.empty() ? "none" : known);
+      return fmt::format("unknown argument {}; there are: {}", quoted(key, 60),
+                         known.empty() ? "none" : known);
     }
     if (auto problem = checkSchema(*expected, member)) {
-      const bool nested = !problem->starts_with("expected ");
-      return key + (nested ? "." : ": ") + *problem;
+      return fmt::format("{}{}{}", key, joint(*problem), *problem);
     }
   }
   return std::nullopt;
@@ -73,19 +84,19 @@ std::optional<std::string> checkObject(const Value& schema, const Value& value) 
 std::optional<std::string> checkSchema(const Value& schema, const Value& value) {
   const std::string* type = textMember(schema, "type");
   const std::string_view kind = type ? std::string_view(*type) : std::string_view();
-  if (const Value* words_ = schema.find("enum"); words_ && words_->asArray()) {
+  if (const Value* allowed = schema.find("enum"); allowed && allowed->asArray()) {
     const auto matches = [&](const Value& word) {
       return word.asString() && value.asString() && *word.asString() == *value.asString();
     };
-    if (!std::ranges::any_of(*words_->asArray(), matches))
-      return "expected one of " + words(*words_->asArray());
+    if (!std::ranges::any_of(*allowed->asArray(), matches))
+      return "expected one of " + words(*allowed->asArray());
     return std::nullopt;
   }
   if (kind == "object") return checkObject(schema, value);
   if (kind == "string") {
     if (!value.asString() ||
         !within(schema, "minLength", "maxLength", static_cast<double>(length(*value.asString()))))
-      return "expected a text of" + range(schema, "minLength", "maxLength") + " characters";
+      return "expected a text" + counted(range(schema, "minLength", "maxLength"), "characters");
   } else if (kind == "integer") {
     const auto number = value.asInteger();
     if (!number || !within(schema, "minimum", "maximum", static_cast<double>(*number)))
@@ -99,11 +110,11 @@ std::optional<std::string> checkSchema(const Value& schema, const Value& value) 
   } else if (kind == "array") {
     const json::Array* elements = value.asArray();
     if (!elements || !within(schema, "minItems", "maxItems", static_cast<double>(elements->size())))
-      return "expected an array of" + range(schema, "minItems", "maxItems") + " elements";
+      return "expected an array" + counted(range(schema, "minItems", "maxItems"), "elements");
     const Value* items = objectMember(schema, "items");
     for (std::size_t i = 0; items && i < elements->size(); ++i) {
       if (auto problem = checkSchema(*items, (*elements)[i]))
-        return fmt::format("[{}]: {}", i, *problem);
+        return fmt::format("[{}]{}{}", i, joint(*problem), *problem);
     }
   }
   return std::nullopt;
