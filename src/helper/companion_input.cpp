@@ -51,12 +51,15 @@ void CompanionInput::announce(const json::Value& message) {
 void CompanionInput::command(std::string_view name, const json::Value& message) {
   if (name == "assistant_import_detect" || name == "assistant_import_start") {
     AssistantImportStatus status;
-    status.state = AssistantImportState::failed;
+    // Nothing to import is what a search for it finds; only who starts an import is told of a
+    // failure.
+    const bool detection = name == "assistant_import_detect";
+    status.state = detection ? AssistantImportState::complete : AssistantImportState::failed;
+    status.detectionComplete = true;
     // The record wants a source even where, as in a detection, there is none.
     if (textOf(message, "source") == json::wordOf(AssistantImportSource::hermes))
       status.source = AssistantImportSource::hermes;
-    status.detectionComplete = name == "assistant_import_start";
-    status.error = "assistant import is not available in the local helper";
+    if (!detection) status.error = "assistant import is not available in the local helper";
     reporter_.import(status);
   } else if (name == "history_export_start") {
     HistoryExportStatus status;

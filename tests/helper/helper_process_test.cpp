@@ -271,11 +271,12 @@ TEST_F(HelperProcessTest, AnswersTheCompanionsCommandsAndRemembersItsNotices) {
   helper.waitUntilServing();
   const std::pair<const char*, const char*> lines[] = {
       {R"({"cmd":"assistant_import_detect"})",
-       "[veskokit:assistant-import] {\"state\":\"failed\",\"source\":\"openclaw\",\"pagesSent\":0,"
+       "[veskokit:assistant-import] "
+       "{\"state\":\"complete\",\"source\":\"openclaw\",\"pagesSent\":0,"
        "\"pagesTotal\":0,\"files\":0,\"bytes\":0,\"cronJobs\":0,\"redactions\":0,"
-       "\"skippedOversized\":0,\"detectionComplete\":false,\"detectedSources\":[],"
-       "\"error\":\"assistant import is not available in the local helper\"}\n"},
-      {R"({"cmd":"assistant_import_start","source":"hermes"})", "\"source\":\"hermes\""},
+       "\"skippedOversized\":0,\"detectionComplete\":true,\"detectedSources\":[]}\n"},
+      {R"({"cmd":"assistant_import_start","source":"hermes"})",
+       "\"error\":\"assistant import is not available in the local helper\""},
       {R"({"cmd":"history_export_start","intent":"fresh"})",
        "[veskokit:history] {\"state\":\"failed\""},
       {R"({"type":"system_will_sleep"})", "going to sleep"},
