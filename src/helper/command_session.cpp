@@ -50,7 +50,7 @@ bool meansUnreachable(LocalErrorCode code) {
 std::expected<json::Value, int> CommandSession::call(const std::string& method,
                                                      const std::string& path,
                                                      std::optional<json::Value> body) {
-  const auto limit = timeout();
+  const auto limit = timeout(defaultCallTime);
   if (!limit) return std::unexpected(limit.error());
   const auto helper = client();
   if (!helper) return std::unexpected(helper.error());
@@ -184,9 +184,10 @@ std::expected<LocalClient*, int> CommandSession::client() {
   return std::unexpected(fail(exitUnreachable, "no_helper", reasons));
 }
 
-std::expected<std::chrono::milliseconds, int> CommandSession::timeout() {
+std::expected<std::chrono::milliseconds, int> CommandSession::timeout(
+    std::chrono::milliseconds otherwise) {
   const auto text = invocation_.value("timeout");
-  if (!text) return defaultCallTime;
+  if (!text) return otherwise;
   const auto seconds = parseNumber(*text);
   if (!seconds || *seconds <= 0 || *seconds > maxCallSeconds)
     return std::unexpected(

@@ -11,8 +11,10 @@
 #include <string_view>
 #include <vector>
 
+#include "base/bundle.h"
 #include "base/json.h"
 #include "helper/command_line.h"
+#include "helper/doctor/place.h"
 #include "helper/local_client.h"
 
 namespace vesko {
@@ -56,6 +58,8 @@ struct CommandEnvironment {
   /// Opens the consents of a state directory; empty on a desktop that keeps them itself.
   std::function<std::unique_ptr<ConsentEditor>(const std::filesystem::path& stateDirectory)>
       consents;
+  std::optional<Bundle> bundle{};  ///< that this program lies in
+  DoctorSystem doctor{};
 };
 
 /// The status word that a consent takes when it is granted or taken back.
@@ -69,6 +73,7 @@ class CommandSession {
       : invocation_(invocation), environment_(environment), json_(invocation.has("json")) {}
 
   const Invocation& invocation() const { return invocation_; }
+  const CommandEnvironment& environment() const { return environment_; }
   const std::string& argument(std::size_t index) const { return invocation_.arguments[index]; }
   bool json() const { return json_; }
   const std::string& version() const { return environment_.version; }
@@ -94,6 +99,12 @@ class CommandSession {
   int print(std::string_view text);
   int printJson(const json::Value& value);
 
+  /// What --timeout says.
+  std::expected<std::chrono::milliseconds, int> timeout(std::chrono::milliseconds otherwise);
+
+  /// The folder of the first socket whose folder exists; the consents lie there too.
+  std::filesystem::path stateDirectory() const;
+
   int usageError(std::string_view message);
   int fail(ExitCode exit, std::string_view code, std::string_view message,
            json::Object details = {});
@@ -101,9 +112,6 @@ class CommandSession {
  private:
   std::expected<LocalClient*, int> client();
   std::expected<json::Value, int> accept(std::expected<LocalAnswer, LocalClientError> answer);
-  std::expected<std::chrono::milliseconds, int> timeout();
-  /// The folder of the first socket whose folder exists; the consents lie there too.
-  std::filesystem::path stateDirectory() const;
   /// What to do about a permission that the companion asks for.
   std::string missing(const std::string& consent);
 

@@ -9,6 +9,7 @@
 #include "base/base64.h"
 #include "base/file.h"
 #include "base/text.h"
+#include "helper/doctor/doctor.h"
 #include "helper/key_combination.h"
 #include "helper/mcp/command.h"
 
@@ -426,6 +427,7 @@ constexpr CommandEntry commands[] = {
      "assistant leaves.",
      {},
      serveMcp},
+    {"doctor", "", 0, 0, doctorHelp, {}, doctor},
     {"help", "[COMMAND]", 0, 2, "show this help or that of a command", {}, help},
 };
 

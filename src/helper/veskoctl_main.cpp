@@ -6,6 +6,7 @@
 #include "base/directories.h"
 #include "helper/commands.h"
 #include "helper/consents.h"
+#include "helper/doctor/system.h"
 #include "helper/helper_system.h"
 #include "helper/local_socket.h"
 
@@ -35,5 +36,7 @@ int main(int argc, char** argv) {
   const std::vector<std::string> words(argv + (argc > 0 ? 1 : 0), argv + argc);
   return vesko::runVeskoctl(words, {.version = VESKO_VERSION,
                                     .sockets = vesko::socketCandidates(),
-                                    .consents = vesko::desktopConsents()});
+                                    .consents = vesko::desktopConsents(),
+                                    .bundle = vesko::Bundle::containing(vesko::ownExecutable()),
+                                    .doctor = vesko::doctorSystem()});
 }

@@ -1,0 +1,9 @@
+#include "helper/doctor/system.h"
+
+namespace vesko {
+
+DoctorSystem doctorSystem() {
+  return {};
+}
+
+}  // namespace vesko
