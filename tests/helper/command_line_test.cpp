@@ -39,7 +39,8 @@ TEST(CommandLineTest, ReadsWordsByTheTable) {
       {{"clipboard", "gets"},
        "error: unknown command clipboard gets (did you mean clipboard get?)"},
       {{"consent"},
-       "error: consent needs one of: consent list, consent grant, consent revoke, consent reset"},
+       "error: consent needs one of: consent list, consent grant, consent revoke, consent reset, "
+       "consent request"},
       {{"xyzzy"}, "error: unknown command xyzzy"},
       {{"click", "--conut", "2"}, "error: unknown option --conut of click (did you mean --count?)"},
       {{"displays", "--paste"}, "error: unknown option --paste of displays"},
