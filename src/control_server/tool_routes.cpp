@@ -24,6 +24,39 @@ HTTPResponse captureFailure(const CaptureError& error) {
   }
 }
 
+struct PhotosErrorBody {
+  std::string error;
+  std::string message;
+  static constexpr auto jsonFields() {
+    return std::tuple{json::field("error", &PhotosErrorBody::error),
+                      json::field("message", &PhotosErrorBody::message)};
+  }
+};
+
+HTTPResponse photosFailure(const ExportError& error) {
+  using Kind = ExportError::Kind;
+  const auto answer = [&error](int status, const char* code) {
+    return jsonResponse(status, PhotosErrorBody{code, error.message});
+  };
+  switch (error.kind) {
+    case Kind::invalidRequest:
+      return answer(400, "photos_invalid_request");
+    case Kind::permissionDenied:
+      return answer(403, "photos_permission_denied");
+    case Kind::assetNotFound:
+      return answer(422, "photos_asset_not_found");
+    case Kind::videoUnsupported:
+      return answer(422, "photos_video_unsupported");
+    case Kind::assetTooLarge:
+      return answer(422, "photos_asset_too_large");
+    case Kind::originalUnavailable:
+    case Kind::imageEncodingFailed:
+    case Kind::libraryFailed:
+      break;
+  }
+  return answer(500, "photos_export_unavailable");
+}
+
 /// A route to a member of a tool that needs the accessibility permission.
 template <class Tool, class Request, class Response>
 Route memberRoute(
@@ -116,6 +149,20 @@ std::vector<Route> captureRoutes(ScreenCaptureService& capture) {
           "POST", "/capture", Precondition::none,
           [&capture](const CaptureRequest& request) { return capture.capture(request); },
           captureFailure),
+  };
+}
+
+std::vector<Route> photosRoutes(PhotosExportService& photos) {
+  return {
+      {"GET", "/photos/status", Precondition::none,
+       [&photos](const HTTPRequest&) { return jsonResponse(200, photos.status()); }},
+      {"POST", "/photos/export", Precondition::none,
+       [&photos](const HTTPRequest& request) {
+         const auto decoded = json::decode<ExportRequest>(request.body);
+         if (!decoded) return photosFailure(ExportError::of(ExportError::Kind::invalidRequest));
+         const auto response = photos.exportPhoto(*decoded);
+         return response ? jsonResponse(200, *response) : photosFailure(response.error());
+       }},
   };
 }
 

@@ -7,6 +7,7 @@
 #include "tools/accessibility_control.h"
 #include "tools/app_window_control.h"
 #include "tools/input_control.h"
+#include "tools/photos_export.h"
 #include "tools/screen_capture.h"
 
 namespace vesko {
@@ -22,5 +23,8 @@ std::vector<Route> appWindowRoutes(AppWindowControl& control);
 
 /// POST /displays and /capture; `capture` outlives the routes.
 std::vector<Route> captureRoutes(ScreenCaptureService& capture);
+
+/// GET /photos/status and POST /photos/export; `photos` outlives the routes.
+std::vector<Route> photosRoutes(PhotosExportService& photos);
 
 }  // namespace vesko

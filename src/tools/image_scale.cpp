@@ -6,8 +6,8 @@
 #include <cstring>
 #include <vector>
 
-#include "tools/page_memory.h"
-#include "tools/parallel.h"
+#include "platform/writable_image.h"
+#include "base/parallel.h"
 
 namespace vesko {
 namespace {
@@ -249,21 +249,44 @@ void scaleRowsHere(const Image& image, const Columns& columns, const Taps& rows,
 
 }  // namespace
 
-std::optional<Image> scaleImage(const Image& image, PixelSize size) {
+struct ImageScaler::Plan {
+  Image image;
+  int width;
+  Columns columns;
+  Taps rows;
+
+  Plan(Image from, PixelSize size)
+      : image(std::move(from)),
+        width(size.width),
+        columns(image.size.width, size.width),
+        rows(image.size.height, size.height) {}
+};
+
+ImageScaler::ImageScaler(Image image, PixelSize size)
+    : plan_(std::make_unique<const Plan>(std::move(image), size)) {}
+
+ImageScaler::~ImageScaler() = default;
+
+void ImageScaler::rows(int first, int count, std::uint32_t* out) const {
   // Below this a thread costs more than it gains.
   constexpr std::size_t pixelsPerThread = 1 << 18;
+  const Image& image = plan_->image;
+  const double sourcePixels = static_cast<double>(image.size.width) * image.size.height * count /
+                              static_cast<double>(plan_->rows.spans.size());
+  const int threads =
+      std::min(threadsFor(static_cast<std::size_t>(sourcePixels), pixelsPerThread), count);
+  runParallel(threads, [&](int part) {
+    const int begin = count * part / threads;
+    scaleRowsHere(image, plan_->columns, plan_->rows, first + begin,
+                  first + count * (part + 1) / threads,
+                  out + static_cast<std::ptrdiff_t>(begin) * plan_->width);
+  });
+}
+
+std::optional<Image> scaleImage(const Image& image, PixelSize size) {
   auto result = WritableImage::make(size, image.opaque);
   if (!result.pixels) return std::nullopt;
-  const Columns columns(image.size.width, size.width);
-  const Taps rows(image.size.height, size.height);
-  const auto sourcePixels =
-      static_cast<std::size_t>(image.size.width) * static_cast<std::size_t>(image.size.height);
-  const int threads = std::min(threadsFor(sourcePixels, pixelsPerThread), size.height);
-  runParallel(threads, [&](int part) {
-    const int begin = size.height * part / threads;
-    scaleRowsHere(image, columns, rows, begin, size.height * (part + 1) / threads,
-                  result.pixels + static_cast<std::ptrdiff_t>(begin) * size.width);
-  });
+  ImageScaler(image, size).rows(0, size.height, result.pixels);
   return std::move(result.image);
 }
 

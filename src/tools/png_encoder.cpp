@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "tools/parallel.h"
+#include "base/parallel.h"
 #include "tools/row_deflater.h"
 
 namespace vesko {

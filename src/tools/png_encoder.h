@@ -6,7 +6,7 @@
 #include <span>
 
 #include "platform/image.h"
-#include "tools/page_memory.h"
+#include "base/page_memory.h"
 
 namespace vesko {
 

@@ -8,7 +8,7 @@
 #include <span>
 
 #include "tools/deflate_block.h"
-#include "tools/page_memory.h"
+#include "base/page_memory.h"
 
 namespace vesko {
 

@@ -1,13 +1,8 @@
-// Large working memory that goes back to the system the moment it is released.
+// Large working memory that goes back to the system the moment it is released. Any thread.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <span>
 #include <utility>
-
-#include "platform/image.h"
 
 namespace vesko {
 
@@ -38,15 +33,6 @@ class PageMemory {
  private:
   void* data_ = nullptr;
   std::size_t size_ = 0;
-};
-
-/// Memory for an image: its pixels may be written until the image is handed on.
-struct WritableImage {
-  Image image;
-  std::uint32_t* pixels = nullptr;
-
-  /// `pixels` is null when there is no memory for it. Sides are positive.
-  static WritableImage make(PixelSize size, bool opaque);
 };
 
 }  // namespace vesko

@@ -1,0 +1,112 @@
+// One picture of the user's photo library under a byte budget: the file as it is where that fits,
+// else a JPEG of falling quality, then of falling size.
+//
+// Any thread, several at once; pictures are decoded and reduced one after another, so that one
+// picture's memory is the most that all requests together take.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <expected>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+
+#include "base/json_record.h"
+#include "base/mutex.h"
+#include "platform/permissions.h"
+#include "platform/photo_library.h"
+#include "platform/picture_codec.h"
+#include "tools/photo_identifiers.h"
+
+namespace vesko {
+
+struct ExportRequest {
+  std::string uuid;
+  std::optional<std::int64_t> maxBytes;
+  static constexpr auto jsonFields() {
+    return std::tuple{json::field("uuid", &ExportRequest::uuid),
+                      json::field("maxBytes", &ExportRequest::maxBytes)};
+  }
+};
+
+struct ExportResponse {
+  std::string dataBase64;
+  std::string mimeType;
+  std::string filename;
+  std::int64_t width = 0;  ///< pixels of the returned picture
+  std::int64_t height = 0;
+  bool transcoded = false;
+  static constexpr auto jsonFields() {
+    return std::tuple{json::field("dataBase64", &ExportResponse::dataBase64),
+                      json::field("mimeType", &ExportResponse::mimeType),
+                      json::field("filename", &ExportResponse::filename),
+                      json::field("width", &ExportResponse::width),
+                      json::field("height", &ExportResponse::height),
+                      json::field("transcoded", &ExportResponse::transcoded)};
+  }
+};
+
+/// What can be expected of an export now.
+struct PhotosStatusResponse {
+  PhotosPermission permission = PhotosPermission::notDetermined;
+  bool libraryAvailable = false;       ///< the library was found and can be asked
+  std::optional<std::string> problem;  ///< why it cannot; absent too while it may not be asked
+  static constexpr auto jsonFields() {
+    return std::tuple{json::field("permission", &PhotosStatusResponse::permission),
+                      json::field("libraryAvailable", &PhotosStatusResponse::libraryAvailable),
+                      json::field("problem", &PhotosStatusResponse::problem)};
+  }
+};
+
+struct ExportError {
+  enum class Kind {
+    invalidRequest,
+    originalUnavailable,
+    permissionDenied,
+    assetNotFound,
+    videoUnsupported,
+    imageEncodingFailed,
+    assetTooLarge,
+    libraryFailed,  ///< the library could not be asked
+  };
+  Kind kind;
+  std::string message;
+
+  /// A kind whose message is always the same.
+  static ExportError of(Kind kind);
+};
+
+class PhotosExportService {
+ public:
+  static constexpr std::int64_t maxMaxBytes = 4'500'000;
+  static constexpr std::array<double, 3> fullSizeQualities = {0.85, 0.7, 0.55};
+  static constexpr std::array<int, 3> reducedSides = {4096, 2048, 1600};
+  static constexpr double reducedQuality = 0.55;
+
+  /// All three outlive the service.
+  PhotosExportService(PhotoLibrary& library, PictureCodec& codec, PermissionProbes& permissions)
+      : library_(library), codec_(codec), permissions_(permissions) {}
+
+  PhotosStatusResponse status();
+  std::expected<ExportResponse, ExportError> exportPhoto(const ExportRequest& request);
+
+ private:
+  template <class T>
+  using Result = std::expected<T, ExportError>;
+
+  bool permitted() const;
+  Result<PhotoAsset> find(const std::string& uuid);
+  Result<PhotoResource> choose(const PhotoAsset& asset);
+  Result<ExportResponse> transcode(PhotoBytes file, std::string_view originalFilename,
+                                   std::size_t budget);
+
+  PhotoLibrary& library_;
+  PictureCodec& codec_;
+  PermissionProbes& permissions_;
+  AssetIdentifierIndex identifiers_;
+  Mutex transcoding_;
+};
+
+}  // namespace vesko
