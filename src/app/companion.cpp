@@ -62,6 +62,7 @@ Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock i
       screenRecording_(platform_.permissions),
       screenCapture_(platform_.screen, screenRecording_),
       appWindowControl_(platform_.applications, platform_.windows),
+      photosExport_(platform_.photoLibrary, platform_.pictures, platform_.permissions),
       daemonGrants_(state_, log_, platform_.loop,
                     [this] {
                       assertMainThread();
@@ -110,7 +111,7 @@ void Companion::startControlServer() {
     return MessagesAutomationOutcome{outcome.status, outcome.alreadyGranted};
   };
   for (auto more :
-       {captureRoutes(screenCapture_), inputRoutes(inputControl_),
+       {captureRoutes(screenCapture_), inputRoutes(inputControl_), photosRoutes(photosExport_),
         appWindowRoutes(appWindowControl_), permissionRoutes(requestMessagesAutomation)})
     routes.insert(routes.end(), std::make_move_iterator(more.begin()),
                   std::make_move_iterator(more.end()));

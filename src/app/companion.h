@@ -25,12 +25,15 @@
 #include "platform/pasteboard.h"
 #include "platform/permission_requests.h"
 #include "platform/permissions.h"
+#include "platform/photo_library.h"
+#include "platform/picture_codec.h"
 #include "platform/process_host.h"
 #include "platform/screen_source.h"
 #include "state/control_lines.h"
 #include "state/daemon_supervisor.h"
 #include "tools/app_window_control.h"
 #include "tools/input_control.h"
+#include "tools/photos_export.h"
 #include "tools/screen_capture.h"
 #include "tools/screen_recording_state.h"
 
@@ -49,6 +52,8 @@ struct Platform {
   ScreenSource& screen;
   Applications& applications;
   WindowSystem& windows;
+  PhotoLibrary& photoLibrary;
+  PictureCodec& pictures;
 };
 
 /// Who and where this process is.
@@ -97,6 +102,7 @@ class Companion {
   ScreenRecordingProcessState screenRecording_;
   ScreenCaptureService screenCapture_;
   AppWindowControl appWindowControl_;
+  PhotosExportService photosExport_;
   ProtectedGrants protectedGrants_;
   DaemonGrantWatch daemonGrants_;
   ScreenRecordingRelaunch screenRecordingRelaunch_;

@@ -19,6 +19,7 @@
 #include "platform/linux/linux_applications.h"
 #include "platform/linux/linux_permission_requests.h"
 #include "platform/linux/linux_process_host.h"
+#include "platform/linux/photos/photos_module.h"
 #include "platform/linux/privacy_program.h"
 #include "platform/linux/x11_pasteboard.h"
 #include "platform/linux/x11_screen_source.h"
@@ -144,6 +145,8 @@ Result run() {
   X11Sessions sessions;
   X11WindowSystem windows(sessions);
   LinuxApplications applications(loop, sessions, windows, environment);
+  LinuxPhotos photos(bundle->path() / "Contents/PlugIns/VeskoPhotos.so",
+                     [home] { return home / "Pictures/Photos Library.photoslibrary"; });
 
   const auto companion = Companion::create({.loop = loop,
                                             .processes = processes,
@@ -155,7 +158,9 @@ Result run() {
                                             .pasteboard = pasteboard,
                                             .screen = screen,
                                             .applications = applications,
-                                            .windows = windows},
+                                            .windows = windows,
+                                            .photoLibrary = photos,
+                                            .pictures = photos},
                                            {.bundle = *bundle,
                                             .directories = directories,
                                             .executable = executable,

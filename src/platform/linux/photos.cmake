@@ -27,3 +27,12 @@ vesko_library(vesko_linux_photo_library
     photos/photo_catalogue.cpp
     photos/read_only_vfs.cpp
   LIBS vesko_base PkgConfig::SQLITE)
+
+add_library(VeskoPhotos MODULE photos/photos_module_entry.cpp)
+target_link_libraries(VeskoPhotos PRIVATE vesko_linux_photo_library vesko_linux_pictures)
+set_target_properties(VeskoPhotos PROPERTIES PREFIX "")
+
+vesko_library(vesko_linux_photos
+  SOURCES photos/photos_module.cpp
+  LIBS vesko_base ${CMAKE_DL_LIBS})
+add_dependencies(vesko_linux_photos VeskoPhotos)
