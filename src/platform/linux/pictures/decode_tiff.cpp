@@ -119,8 +119,6 @@ std::expected<Image, PictureError> decodeTiffPicture(std::span<const std::byte> 
   if (orientation >= 1 && orientation <= 8) form.orientation = orientation;
   std::uint32_t profileLength = 0;
   const void* profile = nullptr;
-  std::uint16_t meaning = 0;
-  TIFFGetField(file.get(), TIFFTAG_PHOTOMETRIC, &meaning);
   ColorTransform colors;
   // The library turns CMYK into RGB by itself, so that a profile of inks has nothing to say.
   if (TIFFGetField(file.get(), TIFFTAG_ICCPROFILE, &profileLength, &profile) && profile)
@@ -138,7 +136,12 @@ std::expected<Image, PictureError> decodeTiffPicture(std::span<const std::byte> 
                                                                             TIFFRGBAImageEnd);
   // Rows as they are stored; the raster knows all eight orientations.
   image.req_orientation = image.orientation;
-  form.alpha = image.alpha != 0 ? PictureAlpha::premultiplied : PictureAlpha::none;
+  // Of grey pictures with straight alpha the library leaves the colours as they are.
+  const bool grey =
+      image.photometric == PHOTOMETRIC_MINISBLACK || image.photometric == PHOTOMETRIC_MINISWHITE;
+  form.alpha = image.alpha == 0                                ? PictureAlpha::none
+               : grey && image.alpha == EXTRASAMPLE_UNASSALPHA ? PictureAlpha::straight
+                                                               : PictureAlpha::premultiplied;
   auto raster = PictureRaster::make(form, std::move(colors));
   if (!raster) return std::unexpected(raster.error());
   const std::size_t width = form.width;

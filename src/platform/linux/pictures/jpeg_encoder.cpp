@@ -12,33 +12,43 @@ namespace {
 /// libjpeg's way out of bytes: into the given memory, and no further.
 struct BoundedOutput {
   jpeg_destination_mgr base{};  // first, so that libjpeg's pointer is that of the whole
+  std::size_t room;
   bool full = false;
+  bool overflowed = false;
+  /// libjpeg asks for more as soon as nothing is left, even where it has nothing more to write.
+  std::array<JOCTET, 16> beyond;
 
-  explicit BoundedOutput(std::span<std::byte> out) {
+  explicit BoundedOutput(std::span<std::byte> out) : room(out.size()) {
     base.next_output_byte = reinterpret_cast<JOCTET*>(out.data());
     base.free_in_buffer = out.size();
     base.init_destination = [](j_compress_ptr) {};
     base.term_destination = [](j_compress_ptr) {};
     base.empty_output_buffer = [](j_compress_ptr file) -> boolean {
-      reinterpret_cast<BoundedOutput*>(file->dest)->full = true;
-      file->err->error_exit(reinterpret_cast<j_common_ptr>(file));
-      return FALSE;
+      auto& output = *reinterpret_cast<BoundedOutput*>(file->dest);
+      if (output.full) {
+        output.overflowed = true;
+        file->err->error_exit(reinterpret_cast<j_common_ptr>(file));
+      }
+      output.full = true;
+      output.base.next_output_byte = output.beyond.data();
+      output.base.free_in_buffer = output.beyond.size();
+      return TRUE;
     };
   }
+
+  bool exceeded() const { return overflowed || (full && base.free_in_buffer < beyond.size()); }
+  std::size_t length() const { return full ? room : room - base.free_in_buffer; }
 };
 
 class JpegWriter {
  public:
-  explicit JpegWriter(std::span<std::byte> out) : output_(out), room_(out.size()) {
-    file_.err = guard_.handlers();
-  }
+  explicit JpegWriter(std::span<std::byte> out) : output_(out) { file_.err = guard_.handlers(); }
   ~JpegWriter() { jpeg_destroy_compress(&file_); }
   JpegWriter(const JpegWriter&) = delete;
   JpegWriter& operator=(const JpegWriter&) = delete;
 
   bool write(PixelSize size, double quality, const PictureCodec::RowSource& rows);
-  bool full() const { return output_.full; }
-  std::size_t length() const { return room_ - output_.base.free_in_buffer; }
+  const BoundedOutput& output() const { return output_; }
 
  private:
   bool begin(PixelSize size, int quality);
@@ -47,7 +57,6 @@ class JpegWriter {
   JpegGuard guard_;
   jpeg_compress_struct file_{};
   BoundedOutput output_;
-  std::size_t room_;
 };
 
 bool JpegWriter::begin(PixelSize size, int quality) {
@@ -98,8 +107,10 @@ std::expected<std::size_t, JpegError> encodeJpegFile(PixelSize size, double qual
                                                      const PictureCodec::RowSource& rows,
                                                      std::span<std::byte> out) {
   JpegWriter writer(out);
-  if (writer.write(size, quality, rows)) return writer.length();
-  return std::unexpected(writer.full() ? JpegError::tooLong : JpegError::failed);
+  const bool written = writer.write(size, quality, rows);
+  if (writer.output().exceeded()) return std::unexpected(JpegError::tooLong);
+  if (!written) return std::unexpected(JpegError::failed);
+  return writer.output().length();
 }
 
 }  // namespace vesko
