@@ -93,6 +93,18 @@ std::optional<Value> parseRegion(std::string_view text) {
       {"x", (*numbers)[0]}, {"y", (*numbers)[1]}, {"w", (*numbers)[2]}, {"h", (*numbers)[3]}};
 }
 
+/// What is no file, as /dev/null, is not to be replaced by one.
+int writePicture(CommandSession& session, const std::string& file, std::string_view content) {
+  std::error_code ignored;
+  const auto there = std::filesystem::status(file, ignored);
+  const bool special = std::filesystem::exists(there) && !std::filesystem::is_regular_file(there);
+  // A picture of the screen, or of somebody's life, is nobody else's business.
+  const auto written = special ? writeInto(file, content) : replaceFile(file, content, 0600);
+  if (written) return exitOk;
+  return session.fail(exitFailed, "output",
+                      fmt::format("cannot write {}: {}", file, written.error().message()));
+}
+
 int capture(CommandSession& session) {
   const Invocation& given = session.invocation();
   const std::string& file = session.argument(0);
@@ -129,14 +141,7 @@ int capture(CommandSession& session) {
   if (!image || !image->starts_with("\x89PNG\r\n\x1a\n"))
     return session.fail(exitFailed, "bad_answer", "the companion's answer holds no PNG image");
   if (toOutput) return session.print(*image);
-  // A picture of the screen is nobody else's business. What is no file, as /dev/null, is not to be
-  // replaced by one.
-  std::error_code ignored;
-  const auto there = std::filesystem::status(file, ignored);
-  const bool special = std::filesystem::exists(there) && !std::filesystem::is_regular_file(there);
-  if (auto written = special ? writeInto(file, *image) : replaceFile(file, *image, 0600); !written)
-    return session.fail(exitFailed, "output",
-                        fmt::format("cannot write {}: {}", file, written.error().message()));
+  if (const int written = writePicture(session, file, *image); written != exitOk) return written;
   Object result{{"file", file}};
   for (const char* key : {"width", "height", "scale"}) {
     const Value* value = answer->find(key);
@@ -145,6 +150,37 @@ int capture(CommandSession& session) {
   if (session.json()) return session.printJson(result);
   return session.print(
       fmt::format("{}: {}x{}\n", file, plain(&result[1].second), plain(&result[2].second)));
+}
+
+int photo(CommandSession& session) {
+  const std::string& file = session.argument(1);
+  const bool toOutput = file == "-";
+  if (toOutput && session.json())
+    return session.usageError("--json and - both write to standard output");
+  if (toOutput && ::isatty(STDOUT_FILENO))
+    return session.usageError("will not write an image to a terminal");
+  Object body{{"uuid", session.argument(0)}};
+  if (const auto text = session.invocation().value("max-bytes")) {
+    const auto number = parseDecimal(*text);
+    if (!number) return session.usageError("--max-bytes takes a whole number");
+    body.emplace_back("maxBytes", *number);
+  }
+  const auto answer = session.call("POST", "/photos/export", std::move(body));
+  if (!answer) return answer.error();
+  const Value* encoded = answer->find("dataBase64");
+  const auto image = encoded && encoded->asString() ? decodeBase64(*encoded->asString())
+                                                    : std::optional<std::string>();
+  if (!image) return session.fail(exitFailed, "bad_answer", "the companion's answer holds no file");
+  if (toOutput) return session.print(*image);
+  if (const int written = writePicture(session, file, *image); written != exitOk) return written;
+  Object result{{"file", file}};
+  for (const char* key : {"mimeType", "filename", "width", "height", "transcoded"}) {
+    const Value* value = answer->find(key);
+    result.emplace_back(key, value ? *value : Value());
+  }
+  if (session.json()) return session.printJson(result);
+  return session.print(fmt::format("{}: {}, {}x{}\n", file, plain(answer->find("mimeType")),
+                                   plain(answer->find("width")), plain(answer->find("height"))));
 }
 
 /// Numbers for the given keys, from the front of the arguments.
@@ -336,6 +372,9 @@ constexpr OptionEntry captureOptions[] = {
     {"region", "X,Y,W,H", "capture a part of the display, in points from its top left"},
     {"max-dim", "PIXELS", "longest side of the image (1600)"},
 };
+constexpr OptionEntry photoOptions[] = {
+    {"max-bytes", "NUMBER", "how long the file may be (4500000)"},
+};
 constexpr OptionEntry clickOptions[] = {
     {"button", "left|right", "the button (left)"},
     {"count", "1|2", "2 for a double click (1)"},
@@ -363,6 +402,10 @@ constexpr CommandEntry commands[] = {
      "standard "
      "output.",
      captureOptions, capture},
+    {"photo", "UUID FILE|-", 2, 2,
+     "fetch a picture of the photo library\nThe file as it is where it is short enough and of a "
+     "type for the web, else a JPEG. It is\nreplaced in one step; - writes it to standard output.",
+     photoOptions, photo},
     {"move", "X Y", 2, 2, "move the pointer", {}, move},
     {"click", "[X Y]", 0, 2, "click, where the pointer is or at a point", clickOptions, click},
     {"drag", "FROM_X FROM_Y TO_X TO_Y", 4, 4, "drag with the left button", {}, drag},

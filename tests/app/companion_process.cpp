@@ -230,6 +230,8 @@ Installation::Installation(Helper helper) {
   place(built / "Contents/MacOS/VeskoCompanion", executable());
   for (const char* program : {"veskoctl", "vesko-privacy"})
     place(built / "Contents/Resources" / program, contents() / "Resources" / program);
+  fs::create_directories(contents() / "PlugIns");
+  place(built / "Contents/PlugIns/VeskoPhotos.so", contents() / "PlugIns/VeskoPhotos.so");
   const auto daemon = contents() / "Resources/veskokit-daemon";
   switch (helper) {
     case Helper::reporting:

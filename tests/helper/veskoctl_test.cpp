@@ -37,6 +37,13 @@ void answerByPath(TlsServer::Connection& connection) {
         200, R"({"displays":[{"id":"7","width":1280,"height":800,"scale":2.0,"primary":true},)"
              R"({"id":"8","width":640,"height":480,"scale":1.5,"primary":false}]})"));
   if (is("POST /capture ")) return connection.write(httpAnswer(200, captureAnswer()));
+  if (is("POST /photos/export ") && request.ends_with(R"({"uuid":"A","maxBytes":100})"))
+    return connection.write(httpAnswer(
+        200, R"({"dataBase64":"YWJj","mimeType":"image/png","filename":"a.png","width":3,)"
+             R"("height":4,"transcoded":false})"));
+  if (is("POST /photos/export "))
+    return connection.write(httpAnswer(
+        403, R"({"error":"photos_permission_denied","message":"Photos access is not granted"})"));
   if (is("POST /clipboard/get "))
     return connection.write(httpAnswer(200, "{\"text\":\"gr\xC3\xBC\xC3\x9F\\n\"}"));
   if (is("POST /input/") || is("POST /clipboard/set "))
@@ -125,6 +132,11 @@ TEST_F(VeskoctlServedTest, ExitCodesAndMessages) {
       {{"capture", "a.png", "--window", "1", "--display", "2"}, 2, "", "--window goes without"},
       {{"capture", "-", "--json"}, 2, "", "both write to standard output"},
       {{"capture", "/no/such/folder/a.png"}, 1, "", "cannot write /no/such/folder/a.png"},
+      {{"photo", "A", "-", "--max-bytes", "100"}, 0, "abc", ""},
+      {{"photo", "A", "/no/such/folder/a.png", "--max-bytes", "100"}, 1, "", "cannot write"},
+      {{"photo", "A", "/dev/null", "--max-bytes", "100"}, 0, "/dev/null: image/png, 3x4\n", ""},
+      {{"photo", "A", "/dev/null"}, 1, "", "Photos access is not granted"},
+      {{"photo", "A", "a.png", "--max-bytes", "much"}, 2, "", "whole number"},
       {{"help", "clik"}, 2, "", "no such command"},
       {{"help", "click"}, 0, "usage: veskoctl click [OPTIONS] [X Y]", ""},
       {{"--help"}, 0, "exit codes", ""},
