@@ -61,6 +61,7 @@ Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock i
       inputControl_(platform_.input, platform_.pasteboard),
       screenRecording_(platform_.permissions),
       screenCapture_(platform_.screen, screenRecording_),
+      accessibilityControl_(platform_.accessibility, platform_.applications, platform_.screen),
       appWindowControl_(platform_.applications, platform_.windows),
       photosExport_(platform_.photoLibrary, platform_.pictures, platform_.permissions),
       daemonGrants_(state_, log_, platform_.loop,
@@ -112,7 +113,8 @@ void Companion::startControlServer() {
   };
   for (auto more :
        {captureRoutes(screenCapture_), inputRoutes(inputControl_), photosRoutes(photosExport_),
-        appWindowRoutes(appWindowControl_), permissionRoutes(requestMessagesAutomation)})
+        accessibilityRoutes(accessibilityControl_), appWindowRoutes(appWindowControl_),
+        permissionRoutes(requestMessagesAutomation)})
     routes.insert(routes.end(), std::make_move_iterator(more.begin()),
                   std::make_move_iterator(more.end()));
   auto server = ControlServer::create(

@@ -18,6 +18,7 @@
 #include "base/directories.h"
 #include "base/main_loop.h"
 #include "control_server/control_server.h"
+#include "platform/accessibility.h"
 #include "platform/application_lifetime.h"
 #include "platform/applications.h"
 #include "platform/host_names.h"
@@ -31,6 +32,7 @@
 #include "platform/screen_source.h"
 #include "state/control_lines.h"
 #include "state/daemon_supervisor.h"
+#include "tools/accessibility_control.h"
 #include "tools/app_window_control.h"
 #include "tools/input_control.h"
 #include "tools/photos_export.h"
@@ -50,6 +52,7 @@ struct Platform {
   InputEvents& input;
   Pasteboard& pasteboard;
   ScreenSource& screen;
+  Accessibility& accessibility;
   Applications& applications;
   WindowSystem& windows;
   PhotoLibrary& photoLibrary;
@@ -101,6 +104,7 @@ class Companion {
   InputControl inputControl_;
   ScreenRecordingProcessState screenRecording_;
   ScreenCaptureService screenCapture_;
+  AccessibilityControl accessibilityControl_;
   AppWindowControl appWindowControl_;
   PhotosExportService photosExport_;
   ProtectedGrants protectedGrants_;

@@ -13,6 +13,7 @@
 
 #include "app/companion.h"
 #include "base/main_thread.h"
+#include "platform/linux/atspi_accessibility.h"
 #include "platform/linux/consent_store.h"
 #include "platform/linux/glib_main_loop.h"
 #include "platform/linux/host_names.h"
@@ -144,6 +145,7 @@ Result run() {
   Lifetime lifetime(loop, executable);
   X11Sessions sessions;
   X11WindowSystem windows(sessions);
+  AtspiAccessibility accessibility;
   LinuxApplications applications(loop, sessions, windows, environment);
   LinuxPhotos photos(bundle->path() / "Contents/PlugIns/VeskoPhotos.so",
                      [home] { return home / "Pictures/Photos Library.photoslibrary"; });
@@ -157,6 +159,7 @@ Result run() {
                                             .input = input,
                                             .pasteboard = pasteboard,
                                             .screen = screen,
+                                            .accessibility = accessibility,
                                             .applications = applications,
                                             .windows = windows,
                                             .photoLibrary = photos,
