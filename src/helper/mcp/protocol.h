@@ -7,7 +7,6 @@
 #pragma once
 
 #include <expected>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,7 +33,7 @@ struct PreparedCall {
 
 class Protocol {
  public:
-  explicit Protocol(std::string version);
+  explicit Protocol(std::string version) : version_(std::move(version)) {}
 
   /// Whether several messages may come in one array.
   bool batches() const { return agreed_ == Revision::v2025_03_26; }
@@ -52,19 +51,13 @@ class Protocol {
   std::string callAnswer(const json::Value& id, ToolResult result, Revision revision) const;
 
  private:
-  struct Tool {
-    const ToolEntry* entry;
-    json::Value input;
-    json::Value output;
-  };
-
   json::Value serverInfo() const;
+  /// A result with what its revision asks of every result.
   json::Object complete(json::Object result, Revision revision) const;
   std::expected<json::Value, RpcError> initialize(const json::Value& params);
   json::Value listTools(Revision revision) const;
 
   const std::string version_;
-  std::map<std::string_view, Tool> tools_;
   std::optional<Revision> agreed_;
 };
 
