@@ -34,7 +34,8 @@ struct DesktopWindow {
   std::uint32_t number = 0;  ///< also what a capture of one window takes
   pid_t pid = 0;
   std::optional<std::string> title = {};
-  Rect frame = {};  ///< with its decorations, screen points
+  /// Screen points: with its decorations, without shadows, as a capture of it shows.
+  Rect frame = {};
   bool focused = false;
   bool minimized = false;
 };

@@ -77,6 +77,7 @@ class X11WindowSystemTest : public testing::Test {
 
   X11Sessions sessions;
   X11WindowSystem system{sessions};
+  X11ScreenSource screen;
 };
 
 TEST_F(X11WindowSystemTest, OperatesWindowsOfEveryToolkit) {
@@ -93,6 +94,7 @@ TEST_F(X11WindowSystemTest, OperatesWindowsOfEveryToolkit) {
     const DesktopWindow window = shown(program.pid());
     ASSERT_EQ(window.title, kind.name);
     EXPECT_EQ(window.frame, measuredFrame(window.number));
+    EXPECT_EQ(window.frame, screen.windowFrame(window.number));
 
     for (const Point to : {Point{0, 0}, Point{40, 70}, Point{700, 400}}) {
       EXPECT_EQ(system.move(window.number, to), AXError::success);
@@ -157,6 +159,7 @@ TEST_F(X11WindowSystemTest, LeavesShadowsOutOfTheFrame) {
             "_GTK_FRAME_EXTENTS", "10,20,30,40"});
   const Rect& old = window.frame;
   EXPECT_EQ(now(window).frame, (Rect{old.x + 10, old.y + 30, old.w - 30, old.h - 70}));
+  EXPECT_EQ(now(window).frame, screen.windowFrame(window.number));
   EXPECT_EQ(system.move(window.number, {100, 100}), AXError::success);
   EXPECT_EQ(measuredFrame(window.number), (Rect{90, 70, old.w, old.h}));
   EXPECT_EQ(system.resize(window.number, 600, 400), AXError::success);
@@ -196,6 +199,7 @@ TEST(X11WithoutManager, MovesAndFocusesDirectly) {
   }));
   EXPECT_EQ(windows[0].pid, program.pid());
   EXPECT_EQ(windows[0].frame, (Rect{51, 61, 200, 150}));
+  EXPECT_EQ(windows[0].frame, X11ScreenSource().windowFrame(windows[0].number));
   EXPECT_EQ(system.move(windows[0].number, {10, 20}), AXError::success);
   EXPECT_EQ(system.resize(windows[0].number, 300, 200), AXError::success);
   EXPECT_EQ(system.focus(windows[0].number), AXError::success);

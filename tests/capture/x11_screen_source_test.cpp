@@ -51,6 +51,13 @@ class X11Test : public testing::Test {
   void sync() {
     std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
   }
+  xcb_atom_t atom(std::string_view name) {
+    const XcbPtr<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(
+        connection_,
+        xcb_intern_atom(connection_, 0, static_cast<std::uint16_t>(name.size()), name.data()),
+        nullptr));
+    return reply ? reply->atom : 0U;
+  }
   void movePointer(int x, int y) {
     xcb_warp_pointer(connection_, 0, screen_->root, 0, 0, 0, 0, static_cast<std::int16_t>(x),
                      static_cast<std::int16_t>(y));
@@ -217,18 +224,35 @@ TEST_F(X11Test, CapturesManagedWindowsAndTheirChildren) {
   const PaintedWindow child({.x = 30, .y = 20, .width = 50, .height = 40, .parent = window.id()},
                             otherPattern);
   expectShows(captureWindow(child), child);
-  const auto whole = captureWindow(window);
-  ASSERT_TRUE(whole);
-  EXPECT_EQ(whole->row(5)[5] & 0xFFFFFF, pattern(5, 5));
-  EXPECT_EQ(whole->row(25)[35] & 0xFFFFFF, otherPattern(5, 5));
-  // The frame that the window manager put around it.
+  // With the frame that the window manager put around it.
   const XcbPtr<xcb_query_tree_reply_t> tree(
       xcb_query_tree_reply(connection_, xcb_query_tree(connection_, window.id()), nullptr));
   ASSERT_TRUE(tree);
   ASSERT_NE(tree->parent, screen_->root);
-  const auto frame = source_.captureWindow(tree->parent, {300, 200});
+  const auto frame = source_.windowFrame(window.id());
   ASSERT_TRUE(frame);
-  EXPECT_GE(frame->size.height, 200);
+  const XcbPtr<xcb_translate_coordinates_reply_t> origin(xcb_translate_coordinates_reply(
+      connection_, xcb_translate_coordinates(connection_, window.id(), screen_->root, 0, 0),
+      nullptr));
+  const int left = origin->dst_x - static_cast<int>(frame->x);
+  const int top = origin->dst_y - static_cast<int>(frame->y);
+  EXPECT_GT(top, 0);
+  const auto whole = captureWindow(window);
+  ASSERT_TRUE(whole);
+  EXPECT_EQ(whole->size, (PixelSize{static_cast<int>(frame->w), static_cast<int>(frame->h)}));
+  EXPECT_EQ(whole->row(top + 5)[left + 5] & 0xFFFFFF, pattern(5, 5));
+  EXPECT_EQ(whole->row(top + 25)[left + 35] & 0xFFFFFF, otherPattern(5, 5));
+  // Without the shadows that it says it has.
+  const std::uint32_t shadows[] = {10, 20, 30, 40};
+  xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, window.id(), atom("_GTK_FRAME_EXTENTS"),
+                      XCB_ATOM_CARDINAL, 32, 4, shadows);
+  sync();
+  EXPECT_EQ(*source_.windowFrame(window.id()),
+            (Rect{frame->x + 10, frame->y + 30, frame->w - 30, frame->h - 70}));
+  const auto inner = captureWindow(window);
+  ASSERT_TRUE(inner);
+  EXPECT_EQ(inner->size, (PixelSize{whole->size.width - 30, whole->size.height - 70}));
+  EXPECT_EQ(inner->row(5)[5], whole->row(35)[15]);
   xcb_unmap_window(connection_, window.id());
   sync();
 }

@@ -120,6 +120,8 @@ class X11ScreenSource::Session {
     known_ = x11_.generation();
     use_.root = x11_.root();
     use_.compositorSelection = x11_.atom("_NET_WM_CM_S0");
+    use_.managedState = x11_.atom("WM_STATE");
+    use_.shadowExtents = x11_.atom("_GTK_FRAME_EXTENTS");
     grabber_.emplace(connection);
     use_.grabber = &*grabber_;
     hasMonitors_ = false;

@@ -150,6 +150,49 @@ PixelRegion hiddenPart(const CaptureConnection& x11, xcb_window_t window, const 
   return hidden;
 }
 
+std::optional<ViewableWindow> viewable(const CaptureConnection& x11, xcb_window_t window) {
+  if (window == x11.root) return std::nullopt;
+  xcb_connection_t* connection = x11.connection;
+  const auto attributesCookie = xcb_get_window_attributes(connection, window);
+  const auto geometryCookie = xcb_get_geometry(connection, window);
+  const auto originCookie = xcb_translate_coordinates(connection, window, x11.root, 0, 0);
+  const XcbPtr<xcb_get_window_attributes_reply_t> attributes(
+      xcb_get_window_attributes_reply(connection, attributesCookie, nullptr));
+  const XcbPtr<xcb_get_geometry_reply_t> geometry(
+      xcb_get_geometry_reply(connection, geometryCookie, nullptr));
+  const XcbPtr<xcb_translate_coordinates_reply_t> origin(
+      xcb_translate_coordinates_reply(connection, originCookie, nullptr));
+  if (!attributes || !geometry || !origin || attributes->map_state != XCB_MAP_STATE_VIEWABLE ||
+      attributes->_class != XCB_WINDOW_CLASS_INPUT_OUTPUT)
+    return std::nullopt;
+  const int border = geometry->border_width;
+  return ViewableWindow{.frame = {origin->dst_x, origin->dst_y, geometry->width, geometry->height},
+                        .pixels = window,
+                        .outside = {origin->dst_x - border, origin->dst_y - border,
+                                    geometry->width + 2 * border, geometry->height + 2 * border},
+                        .border = border,
+                        .visual = attributes->visual};
+}
+
+/// The window's ancestor below the root window.
+xcb_window_t topLevelOf(const CaptureConnection& x11, xcb_window_t window) {
+  for (;;) {
+    const XcbPtr<xcb_query_tree_reply_t> tree(
+        xcb_query_tree_reply(x11.connection, xcb_query_tree(x11.connection, window), nullptr));
+    if (!tree || tree->parent == x11.root || tree->parent == XCB_WINDOW_NONE) return window;
+    window = tree->parent;
+  }
+}
+
+std::vector<int> numbersOf(const CaptureConnection& x11, xcb_window_t window, xcb_atom_t name) {
+  const XcbPtr<xcb_get_property_reply_t> reply(xcb_get_property_reply(
+      x11.connection,
+      xcb_get_property(x11.connection, 0, window, name, XCB_GET_PROPERTY_TYPE_ANY, 0, 4), nullptr));
+  if (!reply || reply->format != 32) return {};
+  const auto* values = static_cast<const std::int32_t*>(xcb_get_property_value(reply.get()));
+  return {values, values + reply->value_len};
+}
+
 }  // namespace
 
 PixelRect intersection(const PixelRect& a, const PixelRect& b) {
@@ -191,23 +234,21 @@ void PixelRegion::intersect(const PixelRect& rect) {
 
 std::optional<ViewableWindow> findViewableWindow(const CaptureConnection& x11,
                                                  xcb_window_t window) {
-  if (window == x11.root) return std::nullopt;
-  xcb_connection_t* connection = x11.connection;
-  const auto attributesCookie = xcb_get_window_attributes(connection, window);
-  const auto geometryCookie = xcb_get_geometry(connection, window);
-  const auto originCookie = xcb_translate_coordinates(connection, window, x11.root, 0, 0);
-  const XcbPtr<xcb_get_window_attributes_reply_t> attributes(
-      xcb_get_window_attributes_reply(connection, attributesCookie, nullptr));
-  const XcbPtr<xcb_get_geometry_reply_t> geometry(
-      xcb_get_geometry_reply(connection, geometryCookie, nullptr));
-  const XcbPtr<xcb_translate_coordinates_reply_t> origin(
-      xcb_translate_coordinates_reply(connection, originCookie, nullptr));
-  if (!attributes || !geometry || !origin || attributes->map_state != XCB_MAP_STATE_VIEWABLE ||
-      attributes->_class != XCB_WINDOW_CLASS_INPUT_OUTPUT)
-    return std::nullopt;
-  return ViewableWindow{{origin->dst_x, origin->dst_y, geometry->width, geometry->height},
-                        geometry->border_width,
-                        attributes->visual};
+  const auto own = viewable(x11, window);
+  if (!own) return std::nullopt;
+  if (numbersOf(x11, window, x11.managedState).empty()) return own;
+  const auto shadows = numbersOf(x11, window, x11.shadowExtents);
+  auto decorated = viewable(x11, topLevelOf(x11, window));
+  if (!decorated) return std::nullopt;
+  PixelRect& frame = decorated->frame = decorated->outside;
+  if (shadows.size() == 4) {
+    const PixelRect inner{frame.x + shadows[0], frame.y + shadows[2],
+                          frame.width - shadows[0] - shadows[1],
+                          frame.height - shadows[2] - shadows[3]};
+    // Extents are what the client says they are.
+    if (inner.width > 0 && inner.height > 0 && inner == intersection(inner, frame)) frame = inner;
+  }
+  return decorated;
 }
 
 std::expected<Image, ScreenSourceError> captureWindowPixels(const CaptureConnection& x11,
@@ -219,19 +260,26 @@ std::expected<Image, ScreenSourceError> captureWindowPixels(const CaptureConnect
   const auto format = pixelFormatOf(xcb_get_setup(connection), found->visual);
   if (!format) return std::unexpected(ScreenSourceError::failed);
 
-  PixelRegion hidden = hiddenPart(x11, window, found->frame);
-  RedirectedWindow redirected(connection, window);
+  const int border = found->border;
+  const PixelRect inside{0, 0, found->outside.width - 2 * border,
+                         found->outside.height - 2 * border};
+  PixelRegion hidden = hiddenPart(x11, found->pixels, inside);
+  RedirectedWindow redirected(connection, found->pixels);
   std::optional<GrabbedImage> grabbed;
   if (redirected.valid()) {
     redirected.awaitPainting(std::move(hidden));
     // The pixmap and not the window says how large it is: that may just have been resized.
     const XcbPtr<xcb_get_geometry_reply_t> size(xcb_get_geometry_reply(
         connection, xcb_get_geometry(connection, redirected.pixmap()), nullptr));
-    const int border = found->border;
-    if (size && size->width > 2 * border && size->height > 2 * border)
-      grabbed = x11.grabber->grab(
-          redirected.pixmap(),
-          {border, border, size->width - 2 * border, size->height - 2 * border}, *format);
+    // The frame's far edges follow a window that has just been resized.
+    const PixelRect& frame = found->frame;
+    const PixelRect& outside = found->outside;
+    const int x = frame.x - outside.x;
+    const int y = frame.y - outside.y;
+    const int width = size ? size->width - (outside.width - frame.width) : 0;
+    const int height = size ? size->height - (outside.height - frame.height) : 0;
+    if (width > 0 && height > 0)
+      grabbed = x11.grabber->grab(redirected.pixmap(), {x, y, width, height}, *format);
   }
   if (grabbed) return std::move(grabbed->image);
   // The usual reason: it went away, or was minimised, since it was looked up.

@@ -38,13 +38,19 @@ struct CaptureConnection {
   xcb_connection_t* connection = nullptr;
   xcb_window_t root = 0;
   xcb_atom_t compositorSelection = 0;  ///< _NET_WM_CM_Sn, owned by a compositing manager
+  xcb_atom_t managedState = 0;         ///< WM_STATE, on every window that a manager looks after
+  xcb_atom_t shadowExtents = 0;        ///< _GTK_FRAME_EXTENTS, of shadows that a client draws
   PixelGrabber* grabber = nullptr;
   bool canRedirect = false;  ///< has Composite, Damage and XFixes
 };
 
 /// A window that is mapped with all its ancestors, and where it lies on the root window.
 struct ViewableWindow {
-  PixelRect frame;  ///< without the border
+  /// What a person takes for the window: with its manager's decorations, without shadows.
+  PixelRect frame;
+  /// The window whose pixels show it: the manager's around it, or itself.
+  xcb_window_t pixels = 0;
+  PixelRect outside;  ///< of that window, with its border
   int border = 0;
   xcb_visualid_t visual = 0;
 };
