@@ -102,6 +102,7 @@ std::string shortRole(const Value& node) {
   std::string_view role = textOf(node, "role");
   if (role.starts_with("AX")) role.remove_prefix(2);
   if (role == "StaticText") return "text";
+  if (role == "MenuBarItem") return "menu";
   if (role == "Application") return "app";
   return role.empty() ? "unknown" : lowerAscii(role);
 }
