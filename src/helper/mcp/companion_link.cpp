@@ -30,6 +30,9 @@ constexpr Advice advices[] = {
      "The element does not offer that action; click the middle of its frame "
      "instead."},
     {"AX error -25211", "That application offers no accessibility; use capture_screen and click."},
+    {"AX error -25212",
+     "No window has the keyboard, or it shows no elements: see list_windows, bring one to the "
+     "front with control_window, or pass bundle_id."},
     {"AX error",
      "Take a new desktop_snapshot and look whether the element is enabled; click and "
      "type_text may work where the action does not."},

@@ -41,7 +41,8 @@ struct WindowRecord {
 
 void collect(const Value& node, Scene& scene) {
   const std::string* path = textMember(node, "path");
-  if (path) {
+  if (path && (!isUnnamedWrapper(node) || scene.elements.empty())) {
+    if (scene.root.empty()) scene.root = *path;
     const auto text = [&](std::string_view key) {
       const std::string* member = textMember(node, key);
       return member ? *member : std::string();
@@ -56,7 +57,9 @@ void collect(const Value& node, Scene& scene) {
     element.state = isSet("enabled") == false ? "disabled" : "enabled";
     if (const Value* frame = node.find("frame"))
       element.frame = json::serialize(*frame).value_or("");
-    scene.elements.emplace(*path, std::move(element));
+    // A window's title is in its path: without it, a changed title leaves the rest comparable.
+    const bool below = path->starts_with(scene.root);
+    scene.elements.emplace(below ? path->substr(scene.root.size()) : *path, std::move(element));
   }
   const Value* children = node.find("children");
   for (const Value& child : children && children->asArray() ? *children->asArray() : json::Array())
@@ -78,8 +81,9 @@ void compareWindows(const Scene& before, const Scene& after, bool frames,
     const auto found = std::ranges::find(windows, id, &WindowState::id);
     return found == windows.end() ? nullptr : &*found;
   };
-  for (const WindowState& window : after.windows) {
-    const WindowState* old = in(before.windows, window.id);
+  if (!before.windows || !after.windows) return;
+  for (const WindowState& window : *after.windows) {
+    const WindowState* old = in(*before.windows, window.id);
     if (!old) {
       said.push_back("window opened: " + window.describe());
       continue;
@@ -93,9 +97,16 @@ void compareWindows(const Scene& before, const Scene& after, bool frames,
                                  window.minimized ? "is minimized" : "is restored"));
     if (frames && old->frame != window.frame) said.push_back("window moved: " + window.describe());
   }
-  for (const WindowState& window : before.windows) {
-    if (!in(after.windows, window.id)) said.push_back("window closed: " + window.describe());
+  for (const WindowState& window : *before.windows) {
+    if (!in(*after.windows, window.id)) said.push_back("window closed: " + window.describe());
   }
+}
+
+/// Whether both scenes show the same window.
+bool sameWindow(const Scene& before, const Scene& after) {
+  const WindowState* old = before.windowInFront();
+  const WindowState* now = after.windowInFront();
+  return before.root == after.root || (old && now && old->id == now->id);
 }
 
 void compareElements(const Scene& before, const Scene& after, bool frames,
@@ -178,6 +189,12 @@ const Scene::Element* Scene::focusedElement() const {
   return found;
 }
 
+const WindowState* Scene::windowInFront() const {
+  if (!windows) return nullptr;
+  const auto front = std::ranges::find(*windows, true, &WindowState::focused);
+  return front == windows->end() ? nullptr : &*front;
+}
+
 Scene readScene(const ToolCall& call, const SceneOptions& options) {
   Scene scene;
   json::Object request{{"max_nodes", sceneNodes}, {"include_offscreen", false}};
@@ -194,7 +211,10 @@ Scene readScene(const ToolCall& call, const SceneOptions& options) {
   const Value* tree = answer ? objectMember(*answer, "tree") : nullptr;
   scene.problem = answer ? "" : answer.error().message;
   scene.gone = !answer && answer.error().kind == LinkError::Kind::elementGone;
-  if (tree) collect(*tree, scene);
+  if (answer && answer->find("incomplete"))
+    scene.problem = "the application stopped answering.";
+  else if (tree)
+    collect(*tree, scene);
   return scene;
 }
 
@@ -203,7 +223,12 @@ std::vector<std::string> changes(const Scene& before, const Scene& after, bool f
   compareWindows(before, after, frames, said);
   if (after.gone && !before.gone && said.empty())
     said.emplace_back("the window that held it is gone");
-  if (before.problem.empty() && after.problem.empty()) compareElements(before, after, frames, said);
+  if (!before.problem.empty() || !after.problem.empty()) return said;
+  if (sameWindow(before, after))
+    compareElements(before, after, frames, said);
+  else if (const auto front = after.elements.find("");
+           said.empty() && front != after.elements.end())
+    said.push_back("in front now: " + front->second.name);
   return said;
 }
 
@@ -224,7 +249,15 @@ bool becomes(const ToolCall& call, std::chrono::milliseconds bound,
   }
 }
 
-ToolResult actAndCompare(const ToolCall& call, const SceneOptions& options, const Act& act) {
+ToolResult nothingDiffers() {
+  return outcomeResult(Outcome::unchanged,
+                       "it was sent, but half a second later no window and no element that "
+                       "accessibility shows is different. Look with capture_screen before trying "
+                       "again.");
+}
+
+ToolResult actAndCompare(const ToolCall& call, const SceneOptions& options, const Act& act,
+                         ToolResult otherwise) {
   const Scene before = readScene(call, options);
   if (auto done = act(); !done) return failed(done.error());
   Scene after;
@@ -245,15 +278,13 @@ ToolResult actAndCompare(const ToolCall& call, const SceneOptions& options, cons
       detail += fmt::format("; and {} more changes", said.size() - maxSaid);
     return outcomeResult(Outcome::confirmed, std::move(detail));
   }
-  if (!after.problem.empty())
+  if (const auto& problem = after.problem.empty() ? before.problem : after.problem;
+      !problem.empty())
     return outcomeResult(Outcome::notVerifiable,
                          fmt::format("it was sent, but its effect cannot be read: {} Look with "
                                      "capture_screen.",
-                                     after.problem));
-  return outcomeResult(Outcome::unchanged,
-                       "it was sent, but half a second later no window and no element that "
-                       "accessibility shows is different. Look with capture_screen before trying "
-                       "again.");
+                                     problem));
+  return otherwise;
 }
 
 }  // namespace vesko::mcp

@@ -41,12 +41,14 @@ struct Scene {
     bool focused = false;
   };
 
-  std::vector<WindowState> windows;
-  std::map<std::string, Element> elements;  ///< by path
-  std::string problem;                      ///< why the elements could not be read
-  bool gone = false;                        ///< because what was to be looked at is gone
+  std::optional<std::vector<WindowState>> windows;  ///< nothing when they could not be read
+  std::map<std::string, Element> elements;          ///< by their path below the root
+  std::string root;                                 ///< the root's path
+  std::string problem;                              ///< why the elements could not be read
+  bool gone = false;                                ///< because what was to be looked at is gone
 
   const Element* focusedElement() const;
+  const WindowState* windowInFront() const;
 };
 
 struct SceneOptions {
@@ -76,7 +78,11 @@ bool becomes(const ToolCall& call, std::chrono::milliseconds bound,
 
 using Act = std::function<std::expected<void, LinkError>()>;
 
+/// What is answered when nothing differs.
+ToolResult nothingDiffers();
+
 /// Looks, acts, looks again until something differs, and says what.
-ToolResult actAndCompare(const ToolCall& call, const SceneOptions& options, const Act& act);
+ToolResult actAndCompare(const ToolCall& call, const SceneOptions& options, const Act& act,
+                         ToolResult otherwise = nothingDiffers());
 
 }  // namespace vesko::mcp

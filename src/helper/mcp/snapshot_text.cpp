@@ -41,12 +41,6 @@ bool flag(const Value& node, std::string_view key) {
   return value && value->asBool() == true;
 }
 
-bool isWrapper(const Value& node) {
-  return std::ranges::find(wrappers, textOf(node, "role")) != wrappers.end() &&
-         trim(textOf(node, "title")).empty() && trim(textOf(node, "value")).empty() &&
-         !flag(node, "focused");
-}
-
 /// A label that only repeats what it labels.
 bool repeats(const Value& node, std::string_view parentTitle) {
   if (textOf(node, "role") != "AXStaticText" || !childrenOf(node).empty()) return false;
@@ -65,6 +59,8 @@ std::string frameText(const Value& node) {
     if (!side || !side->asDouble()) return {};
     sides[i] = std::round(*side->asDouble());
   }
+  // Without an extent there is nothing to point at.
+  if (sides[2] <= 0 || sides[3] <= 0) return {};
   return fmt::format(" {:.0f},{:.0f} {:.0f}x{:.0f}", sides[0], sides[1], sides[2], sides[3]);
 }
 
@@ -75,7 +71,7 @@ class Renderer {
   void add(const Value& node, std::size_t depth, std::string_view parentTitle) {
     ++nodes;
     const bool root = nodes == 1;
-    if (!root && (isWrapper(node) || (!parentTitle.empty() && repeats(node, parentTitle)))) {
+    if (!root && (isUnnamedWrapper(node) || (!parentTitle.empty() && repeats(node, parentTitle)))) {
       ++left;
       for (const Value& child : childrenOf(node)) add(child, depth, parentTitle);
       return;
@@ -98,6 +94,12 @@ class Renderer {
 
 }  // namespace
 
+bool isUnnamedWrapper(const Value& node) {
+  return std::ranges::find(wrappers, textOf(node, "role")) != wrappers.end() &&
+         trim(textOf(node, "title")).empty() && trim(textOf(node, "value")).empty() &&
+         !flag(node, "focused");
+}
+
 std::string shortRole(const Value& node) {
   std::string_view role = textOf(node, "role");
   if (role.starts_with("AX")) role.remove_prefix(2);
@@ -109,7 +111,7 @@ std::string shortRole(const Value& node) {
 
 std::string elementLine(const Value& node, ElementRefs& refs, bool paths, std::size_t limit) {
   std::string line = shortRole(node);
-  const std::string_view title = textOf(node, "title");
+  const std::string_view title = trim(textOf(node, "title"));
   const std::string_view value = textOf(node, "value");
   if (!title.empty()) line += ' ' + quoted(title, titleLimit);
   if (!value.empty() && value != title) line += " =" + quoted(value, limit);

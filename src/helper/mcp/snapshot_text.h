@@ -26,6 +26,9 @@ std::string snapshotText(const json::Value& response, ElementRefs& refs,
 std::string elementLine(const json::Value& node, ElementRefs& refs, bool paths,
                         std::size_t valueLimit);
 
+/// Something that only groups others, and that nobody would name.
+bool isUnnamedWrapper(const json::Value& node);
+
 /// "AXButton" as "button".
 std::string shortRole(const json::Value& node);
 

@@ -3,22 +3,25 @@
 import assert from 'node:assert/strict';
 import {execFileSync, spawn} from 'node:child_process';
 import {once} from 'node:events';
-import {mkdtempSync, readFileSync, writeFileSync} from 'node:fs';
+import {cpSync, mkdtempSync, readFileSync, writeFileSync} from 'node:fs';
 import {createRequire} from 'node:module';
 import {join} from 'node:path';
 import {createInterface} from 'node:readline';
 import {setTimeout as pause} from 'node:timers/promises';
 import {pathToFileURL} from 'node:url';
 
-const [bundle, packages] = process.argv.slice(2);
+const [built, packages] = process.argv.slice(2);
 const require = createRequire(join(packages, 'package.json'));
 const load = async name => import(pathToFileURL(require.resolve(name)));
 const {Client} = await load('@modelcontextprotocol/sdk/client/index.js');
 const {StdioClientTransport} = await load('@modelcontextprotocol/sdk/client/stdio.js');
 const Ajv2020 = require('ajv/dist/2020.js').default;
 
-const veskoctl = join(bundle, 'Contents/Resources/veskoctl');
 const folder = mkdtempSync(join(process.env.HOME, 'session-'));
+// A bundle of its own: a companion ends what earlier runs of the same bundle left behind.
+const bundle = join(folder, 'Vesko Companion.app');
+cpSync(built, bundle, {recursive: true});
+const veskoctl = join(bundle, 'Contents/Resources/veskoctl');
 const letter = join(folder, 'letter.txt');
 const children = [];
 const start = (command, ...words) => {
