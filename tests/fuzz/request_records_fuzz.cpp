@@ -8,6 +8,7 @@
 #include "state/status_records.h"
 #include "tools/app_window_control.h"
 #include "tools/input_control.h"
+#include "tools/photos_export.h"
 #include "tools/screen_capture.h"
 
 namespace {
@@ -36,6 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   roundTrip<HotkeyRequest>(text);
   roundTrip<ClipboardSetRequest>(text);
   roundTrip<CaptureRequest>(text);
+  roundTrip<ExportRequest>(text);
   roundTrip<AppRequest>(text);
   roundTrip<WindowRequest>(text);
   roundTrip<WindowMoveRequest>(text);

@@ -106,7 +106,7 @@ std::expected<Image, PictureError> JpegReader::read(std::span<const std::byte> b
   auto raster = PictureRaster::make(form, colors(content));
   if (!raster) return std::unexpected(raster.error());
 
-  bool started = guard_.run([&] { jpeg_start_decompress(&file_); });
+  const bool started = guard_.run([&] { jpeg_start_decompress(&file_); });
   while (started && file_.output_scanline < file_.output_height) {
     JSAMPROW row = reinterpret_cast<JSAMPROW>(raster->row());
     if (!guard_.run([&] { jpeg_read_scanlines(&file_, &row, 1); })) break;

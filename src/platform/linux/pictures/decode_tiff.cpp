@@ -11,8 +11,6 @@
 namespace vesko {
 namespace {
 
-/// The raster that the library fills, and a strip or tile of up to four 16-bit samples.
-constexpr std::uint64_t decoderBytes = 4 + 8;
 constexpr tmsize_t maxAllocation = tmsize_t{512} << 20;
 /// A chain of directories may lead in circles.
 constexpr int maxPages = 64;
@@ -97,6 +95,13 @@ bool findPicture(TIFF* file) {
   return false;
 }
 
+/// The raster that the library fills, and one strip or tile of the file.
+std::uint64_t decoderBytesPerPixel(TIFF* file, std::uint64_t pixels) {
+  const tmsize_t part = TIFFIsTiled(file) ? TIFFTileSize(file) : TIFFStripSize(file);
+  return sizeof(std::uint32_t) + static_cast<std::uint64_t>(std::max<tmsize_t>(part, 0)) /
+                                     std::max<std::uint64_t>(pixels, 1);
+}
+
 /// Canon's raw files call a preview their first page.
 bool isCanonRaw(std::span<const std::byte> file) {
   return file.size() > 10 && std::memcmp(&file[8], "CR", 2) == 0;
@@ -111,11 +116,13 @@ std::expected<Image, PictureError> decodeTiffPicture(std::span<const std::byte> 
   if (!file) return std::unexpected(PictureError::damaged);
   if (!findPicture(file.get())) return std::unexpected(PictureError::unsupported);
 
-  PictureForm form{.decoderBytesPerPixel = decoderBytes};
+  PictureForm form;
   std::uint16_t orientation = ORIENTATION_TOPLEFT;
   TIFFGetField(file.get(), TIFFTAG_IMAGEWIDTH, &form.width);
   TIFFGetField(file.get(), TIFFTAG_IMAGELENGTH, &form.height);
   TIFFGetFieldDefaulted(file.get(), TIFFTAG_ORIENTATION, &orientation);
+  form.decoderBytesPerPixel =
+      decoderBytesPerPixel(file.get(), std::uint64_t{form.width} * form.height);
   if (orientation >= 1 && orientation <= 8) form.orientation = orientation;
   std::uint32_t profileLength = 0;
   const void* profile = nullptr;
