@@ -6,9 +6,11 @@ vesko_library(vesko_linux_accessibility
     atspi_bus.cpp
     atspi_context.cpp
     atspi_objects.cpp
+    atspi_places.cpp
     atspi_reader.cpp
     atspi_roles.cpp
     atspi_toolkit.cpp
+    atspi_windows.cpp
     dbus_address.cpp
     dbus_connection.cpp
     dbus_message.cpp

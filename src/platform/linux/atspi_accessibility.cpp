@@ -1,10 +1,15 @@
 #include "platform/linux/atspi_accessibility.h"
 
+#include <fmt/format.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
+#include "base/file.h"
+#include "base/text.h"
 #include "platform/linux/atspi_actor.h"
 #include "platform/linux/atspi_context.h"
 #include "platform/linux/atspi_reader.h"
@@ -14,9 +19,27 @@ namespace {
 
 using Clock = DBusConnection::Clock;
 
-// How long applications are given to come to the bus after accessibility was turned on.
+// How long an application is given to come to the bus after its start, and after accessibility was
+// turned on.
 constexpr std::chrono::milliseconds arrivalTime{2000};
 constexpr int arrivalPauseMilliseconds = 20;
+constexpr std::size_t maxStatBytes = 4096;
+
+/// How long ago a process was started, from proc(5), /proc/pid/stat.
+std::optional<std::chrono::milliseconds> ageOf(pid_t process) {
+  const auto stat = readFile(fmt::format("/proc/{}/stat", process), maxStatBytes);
+  // The second field is a name in parentheses, which may hold anything.
+  const auto name = stat ? stat->rfind(')') : std::string::npos;
+  if (name == std::string::npos) return std::nullopt;
+  const auto fields = splitDroppingEmpty(std::string_view(*stat).substr(name + 1), ' ');
+  constexpr std::size_t startTimeField = 19;
+  const auto ticks =
+      fields.size() > startTimeField ? parseDecimal(fields[startTimeField]) : std::nullopt;
+  timespec now{};
+  if (!ticks || ::clock_gettime(CLOCK_BOOTTIME, &now) != 0) return std::nullopt;
+  const std::int64_t started = *ticks * 1000 / ::sysconf(_SC_CLK_TCK);
+  return std::chrono::milliseconds(now.tv_sec * 1000 + now.tv_nsec / 1'000'000 - started);
+}
 
 class AtspiSession : public AccessibilitySession {
  public:
@@ -24,7 +47,7 @@ class AtspiSession : public AccessibilitySession {
       : pool_(pool),
         bus_(std::move(connection.bus)),
         justEnabled_(connection.justEnabled),
-        context_{bus_.get(), deadline, AtspiObjects(bus_.get())} {}
+        context_{bus_.get(), deadline, AtspiObjects(bus_.get()), {}} {}
   AtspiSession(const AtspiSession&) = delete;
   AtspiSession& operator=(const AtspiSession&) = delete;
   ~AtspiSession() override {
@@ -33,11 +56,13 @@ class AtspiSession : public AccessibilitySession {
 
   std::expected<AXElement, AXError> application(pid_t process) override {
     if (!bus_) return std::unexpected(AXError::apiDisabled);
-    const auto patience = std::min(context_.deadline, Clock::now() + arrivalTime);
+    auto patience = arrivalTime;
+    if (!justEnabled_) patience -= std::min(ageOf(process).value_or(patience), patience);
+    const auto giveUpAt = std::min(context_.deadline, Clock::now() + patience);
     for (;;) {
       if (const auto found = applicationOfProcess(process)) return *found;
       if (context_.incomplete) return std::unexpected(AXError::cannotComplete);
-      if (!justEnabled_ || Clock::now() >= patience) break;
+      if (Clock::now() >= giveUpAt) break;
       ::poll(nullptr, 0, arrivalPauseMilliseconds);
     }
     return std::unexpected(AXError::apiDisabled);
@@ -75,17 +100,23 @@ class AtspiSession : public AccessibilitySession {
   bool incomplete() const override { return context_.incomplete; }
 
   AXError setFocused(AXElement element) override {
-    return AtspiActor(context_).setFocused(element);
+    return acted(AtspiActor(context_).setFocused(element));
   }
   AXError perform(AXElement element, AXAction action) override {
-    return AtspiActor(context_).perform(element, action);
+    return acted(AtspiActor(context_).perform(element, action));
   }
   AXError setValue(AXElement element, std::string_view value) override {
-    return AtspiActor(context_).setValue(element, value);
+    return acted(AtspiActor(context_).setValue(element, value));
   }
 
  private:
   static constexpr std::size_t maxWindows = 1000;
+
+  /// An action may have changed everything.
+  AXError acted(AXError result) {
+    context_.objects.forgetStates();
+    return result;
+  }
 
   std::optional<AXElement> applicationOfProcess(pid_t process) {
     std::vector<std::string> names;

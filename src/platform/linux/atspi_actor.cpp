@@ -8,6 +8,7 @@
 
 #include "base/text.h"
 #include "base/utf8.h"
+#include "platform/linux/atspi_places.h"
 
 namespace vesko {
 namespace {
@@ -229,7 +230,7 @@ AXError AtspiActor::setValue(AXElement element, std::string_view value) {
     case AtspiValue::checked:
       return setChecked(target, value);
     case AtspiValue::choice:
-      return choose(target, value);
+      return choosesClosed(toolkit) ? choose(target, value) : AXError::attributeUnsupported;
     default:
       return target.has(editableInterface) ? setText(target, value) : AXError::attributeUnsupported;
   }
@@ -309,10 +310,19 @@ AXError AtspiActor::choose(const Target& target, std::string_view text) {
   return AXError::illegalArgument;
 }
 
-// The toolkits bring the window of what they give the keyboard to the front.
 AXError AtspiActor::raise(const Target& target) {
-  if (!target.has(atspi::component)) return AXError::actionUnsupported;
-  return ask(target.element, atspi::component, "GrabFocus", {});
+  if (atspiIsRoot(target.role)) {
+    // An application comes to the front with the window that is before its others.
+    const auto& windows =
+        windowsOf(context_, context_.objects.object(target.element).application).windows;
+    if (windows.empty()) return AXError::actionUnsupported;
+    return context_.windows.activate(windows.back().id, context_.deadline) ? AXError::success
+                                                                           : AXError::failure;
+  }
+  const AtspiWindow* found = windowOf(context_, target.element);
+  if (!found) return AXError::actionUnsupported;
+  return context_.windows.activate(found->id, context_.deadline) ? AXError::success
+                                                                 : AXError::failure;
 }
 
 }  // namespace vesko

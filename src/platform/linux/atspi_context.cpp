@@ -30,6 +30,12 @@ AXError atspiError(const DBusReply& reply) {
   return AXError::failure;
 }
 
+bool AtspiContext::got(const DBusReply& reply) {
+  if (reply.outcome == DBusReply::Outcome::value) return true;
+  if (atspiError(reply) == AXError::cannotComplete) incomplete = true;
+  return false;
+}
+
 std::optional<std::string_view> textProperty(const DBusReply& reply) {
   DBusReader body = reply.body;
   if (!reply.is("v") || body.signature() != "s") return std::nullopt;
@@ -84,6 +90,15 @@ void learnToolkits(AtspiContext& context, std::span<const AXElement> elements) {
     };
     ask("ToolkitName", &Said::name);
     ask("Version", &Said::version);
+    constexpr std::string_view daemon = "org.freedesktop.DBus";
+    context.bus->call(context.bus->peer(daemon), "/org/freedesktop/DBus", daemon,
+                      "GetConnectionUnixProcessID",
+                      DBusArguments().add(std::string_view(application.busName)),
+                      [&context, number](const DBusReply& reply) {
+                        if (reply.is("u"))
+                          context.objects.application(number).process =
+                              static_cast<pid_t>(DBusReader(reply.body).uint32());
+                      });
   }
   context.run();
   for (const auto& [number, application] : said)

@@ -28,9 +28,13 @@ struct AtspiContext {
   DBusConnection* bus = nullptr;  ///< null when there is none
   Clock::time_point deadline;
   AtspiObjects objects;
+  AtspiWindows windows = {};
   bool incomplete = false;
 
   void run() { bus->run(deadline); }
+
+  /// False when it is no value; what the session misses by that is noted.
+  bool got(const DBusReply& reply);
 
   void ask(AXElement element, std::string_view interface, std::string_view member,
            const DBusArguments& arguments, DBusConnection::Handler handler) {

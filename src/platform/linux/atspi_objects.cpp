@@ -45,12 +45,10 @@ std::string boundedText(std::string_view text) {
 std::uint32_t AtspiObjects::applicationNamed(std::string_view busName) {
   const auto [found, added] = applicationNumbers_.try_emplace(
       std::string(busName), static_cast<std::uint32_t>(applications_.size()));
-  if (added) applications_.push_back({.peer = bus_ ? bus_->peer(busName) : 0});
+  if (added)
+    applications_.push_back(
+        {.busName = std::string(busName), .peer = bus_ ? bus_->peer(busName) : 0});
   return found->second;
-}
-
-const std::string& AtspiObjects::busName(std::uint32_t application) const {
-  return bus_->nameOf(applications_[application].peer);
 }
 
 AXElement AtspiObjects::element(std::string_view busName, std::string_view path, AXElement parent) {
@@ -73,9 +71,23 @@ AXElement AtspiObjects::root(std::string_view busName) {
   return element(busName, atspi::rootPath, static_cast<AXElement>(objects_.size()));
 }
 
+void AtspiObjects::forgetStates() {
+  for (AtspiObject& object : objects_) {
+    object.hasFacts = false;
+    object.hasChildren = false;
+    object.facts = {};
+    object.children.clear();
+    object.place = {};
+  }
+  for (AtspiApplication& application : applications_) {
+    application.listed = false;
+    application.windows.reset();
+  }
+}
+
 void AtspiObjects::learn(std::uint32_t application, const DBusReply& items) {
   if (!items.is(atspiItemsType)) return;
-  const std::string name = busName(application);
+  const std::string name = applications_[application].busName;
   struct Place {
     AXElement parent;
     std::int32_t index;

@@ -12,6 +12,7 @@
 #include "platform/accessibility.h"
 #include "platform/linux/atspi_roles.h"
 #include "platform/linux/atspi_toolkit.h"
+#include "platform/linux/atspi_windows.h"
 #include "platform/linux/dbus_connection.h"
 
 namespace vesko {
@@ -35,11 +36,26 @@ struct AtspiFacts {
 
 /// A name on the bus with elements: an application, or the part of one that shows web pages.
 struct AtspiApplication {
+  std::string busName;
   DBusConnection::Peer peer = 0;
   AtspiToolkit toolkit = AtspiToolkit::unknown;
   bool toolkitKnown = false;
   bool listed = false;  ///< its list of elements was asked for
-  pid_t process = 0;    ///< 0 until asked
+  pid_t process = 0;
+  std::optional<AtspiWindows::OfProcess> windows = {};
+};
+
+/// Where an element is, as far as it was asked.
+struct AtspiPlace {
+  bool asked = false;
+  bool hidden = false;
+  std::optional<Rect> told = {};  ///< in the toolkit's coordinates
+  // What follows from these and the ancestors':
+  bool resolved = false;
+  Point origin = {};                ///< of those coordinates on the screen
+  std::uint32_t popup = 0;          ///< the X window of the popover that it lies in
+  std::optional<Rect> seenIn = {};  ///< nothing of it shows outside
+  std::optional<Rect> frame = {};
 };
 
 struct AtspiObject {
@@ -51,13 +67,14 @@ struct AtspiObject {
   std::uint32_t role = atspiRole::invalid;  ///< as last seen
   AtspiFacts facts;
   std::vector<AXElement> children;
-  /// The part of the screen in which it can be seen, when the frame was read.
-  std::optional<Rect> seenIn;
+  AtspiPlace place;
+  std::string windowTitle = {};  ///< of a window
 };
 
 /// One thread.
 class AtspiObjects {
  public:
+  /// `bus` may be null; nothing can be asked then.
   explicit AtspiObjects(DBusConnection* bus) : bus_(bus) {}
 
   /// The same number for the same name and path.
@@ -70,9 +87,12 @@ class AtspiObjects {
     return applications_[objects_[element].application];
   }
   bool contains(AXElement element) const { return element < objects_.size(); }
-  const std::string& busName(std::uint32_t application) const;
+  std::size_t size() const { return objects_.size(); }
 
-  /// Takes over an answer to Cache.GetItems.
+  /// Numbers stay; what elements have told of themselves is asked anew.
+  void forgetStates();
+
+  /// Takes over an answer to Cache.GetItems of that application.
   void learn(std::uint32_t application, const DBusReply& items);
 
  private:

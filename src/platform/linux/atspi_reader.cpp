@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <climits>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -23,26 +23,6 @@ constexpr std::size_t maxVisited = 4000;
 // The first of a text; each character has a byte at least.
 constexpr std::int32_t maxTextCharacters = maxAXValueBytes;
 
-// Where nothing of an element is seen: touches no screen, as those begin at the origin.
-constexpr Rect unseen{-1, -1, 0, 0};
-
-bool overlap(const Rect& a, const Rect& b) {
-  return a.x < b.x + b.w && b.x < a.x + a.w && a.y < b.y + b.h && b.y < a.y + a.h;
-}
-
-Rect intersection(const Rect& a, const Rect& b) {
-  const double x = std::max(a.x, b.x);
-  const double y = std::max(a.y, b.y);
-  return {x, y, std::max(std::min(a.x + a.w, b.x + b.w) - x, 0.0),
-          std::max(std::min(a.y + a.h, b.y + b.h) - y, 0.0)};
-}
-
-/// What shows in a window of its own, wherever its parent lies.
-bool popsUp(std::uint32_t role) {
-  return role == atspiRole::menu || role == atspiRole::window || role == atspiRole::comboBox ||
-         atspiIsWindow(role);
-}
-
 std::optional<std::pair<std::string_view, std::string_view>> reference(DBusReader& reader) {
   const std::string_view bus = reader.text();
   const std::string_view path = reader.text();
@@ -51,12 +31,6 @@ std::optional<std::pair<std::string_view, std::string_view>> reference(DBusReade
 }
 
 }  // namespace
-
-bool AtspiReader::got(const DBusReply& reply) {
-  if (reply.outcome == DBusReply::Outcome::value) return true;
-  if (atspiError(reply) == AXError::cannotComplete) context_.incomplete = true;
-  return false;
-}
 
 std::vector<AXElementState> AtspiReader::read(std::span<const AXElement> elements) {
   std::vector<Item> items(elements.size());
@@ -81,6 +55,8 @@ std::vector<AXElementState> AtspiReader::read(std::span<const AXElement> element
     AXElementState& state = item.state;
     for (const std::optional<AXElement>& child : item.byIndex)
       if (child) state.children.push_back(*child);
+    if (wants(frame) && context_.bus && context_.objects.contains(item.element))
+      state.frame = places_.frame(item.element);
     if (state.error != AXError::success) state = {.error = state.error};
     states.push_back(std::move(state));
   }
@@ -101,21 +77,21 @@ void AtspiReader::listElements(std::span<const AXElement> elements) {
     application.listed = true;
     context_.bus->call(application.peer, "/org/a11y/atspi/cache", "org.a11y.atspi.Cache",
                        "GetItems", {}, [this, number](const DBusReply& reply) {
-                         if (got(reply)) context_.objects.learn(number, reply);
+                         if (context_.got(reply)) context_.objects.learn(number, reply);
                        });
   };
   for (const auto& [number, asked] : unlisted) list(number);
   context_.run();
   for (const auto& [number, asked] : unlisted) {
     if (!listsVisitedElementsOnly(context_.objects.application(number).toolkit)) continue;
-    visitUnlisted(number, asked);
-    list(number);
+    if (visitUnlisted(number, asked)) list(number);
   }
   context_.run();
 }
 
-void AtspiReader::visitUnlisted(std::uint32_t number, std::span<const AXElement> from) {
+bool AtspiReader::visitUnlisted(std::uint32_t number, std::span<const AXElement> from) {
   std::size_t visited = 0;
+  bool asked = false;
   std::vector<bool> seen;
   // Recursive through the handlers: every answer asks on at once.
   std::move_only_function<void(AXElement)> visit = [&](AXElement element) {
@@ -129,9 +105,10 @@ void AtspiReader::visitUnlisted(std::uint32_t number, std::span<const AXElement>
       for (const AXElement child : object.children) visit(child);
       return;
     }
+    asked = true;
     context_.ask(element, atspi::accessible, "GetChildren", {},
                  [&, element](const DBusReply& reply) {
-                   if (!got(reply) || !reply.is("a(so)")) return;
+                   if (!context_.got(reply) || !reply.is("a(so)")) return;
                    DBusReader body = reply.body;
                    DBusReader list = body.array(8);
                    while (list.more()) {
@@ -143,6 +120,7 @@ void AtspiReader::visitUnlisted(std::uint32_t number, std::span<const AXElement>
   };
   for (const AXElement element : from) visit(element);
   context_.run();
+  return asked;
 }
 
 void AtspiReader::start(Item& item) {
@@ -165,7 +143,7 @@ void AtspiReader::askFacts(Item& item) {
   item.factsAwaited = 1;
   context_.ask(
       item.element, atspi::accessible, "GetRole", {}, [this, &item](const DBusReply& reply) {
-        if (got(reply) && reply.is("u"))
+        if (context_.got(reply) && reply.is("u"))
           item.facts.role = DBusReader(reply.body).uint32();
         else
           item.state.error =
@@ -176,7 +154,7 @@ void AtspiReader::askFacts(Item& item) {
     ++item.factsAwaited;
     context_.askProperty(item.element, atspi::accessible, "Name",
                          [this, &item](const DBusReply& reply) {
-                           got(reply);
+                           context_.got(reply);
                            if (const auto name = textProperty(reply))
                              item.facts.name = boundedText(*name);
                            factArrived(item);
@@ -186,7 +164,7 @@ void AtspiReader::askFacts(Item& item) {
     ++item.factsAwaited;
     context_.ask(item.element, atspi::accessible, "GetState", {},
                  [this, &item](const DBusReply& reply) {
-                   got(reply);
+                   context_.got(reply);
                    if (const auto states = statesIn(reply)) item.facts.states = *states;
                    factArrived(item);
                  });
@@ -200,7 +178,13 @@ void AtspiReader::factArrived(Item& item) {
 
 void AtspiReader::askRest(Item& item) {
   tellFacts(item);
-  if (wants(frame)) askFrame(item);
+  if (wants(title | value) &&
+      showsLabelInside(context_.objects.applicationOf(item.element).toolkit, item.facts.role)) {
+    // What else it is called says what it is, not which.
+    if (item.facts.role == atspiRole::pageTab) item.state.title.reset();
+    askLabelInside(item, item.element, 0);
+  }
+  if (wants(frame)) places_.ask(item.element, item.facts);
   if (wants(value)) askValue(item);
   if (wants(children)) askChildren(item);
 }
@@ -210,6 +194,7 @@ void AtspiReader::tellFacts(Item& item) {
   const AtspiToolkit toolkit = context_.objects.application(object.application).toolkit;
   const AtspiFacts& facts = item.facts;
   object.role = facts.role;
+  if (atspiIsWindow(facts.role)) object.windowTitle = facts.name;
   const std::uint32_t parentRole = object.parent == item.element
                                        ? atspiRole::invalid
                                        : context_.objects.object(object.parent).role;
@@ -217,70 +202,40 @@ void AtspiReader::tellFacts(Item& item) {
   AXElementState& state = item.state;
   if (wants(role)) state.role = item.kind.role;
   if (wants(subrole) && !item.kind.subrole.empty()) state.subrole = item.kind.subrole;
-  if (wants(title) && !facts.name.empty() && !isClassName(toolkit, facts.name))
-    state.title = facts.name;
+  if (isClassName(toolkit, facts.name)) item.facts.name.clear();
+  const bool named =
+      !facts.name.empty() && !(item.kind.value == AtspiValue::choice && namesChoice(toolkit));
+  if (wants(title) && named) state.title = facts.name;
   if (atspiIsRoot(facts.role)) return;
   if (wants(enabled)) state.enabled = facts.states.has(AtspiStates::sensitive);
-  if (wants(focused)) state.focused = facts.states.has(AtspiStates::focused);
-}
-
-void AtspiReader::askFrame(Item& item) {
-  const AtspiToolkit toolkit = context_.objects.applicationOf(item.element).toolkit;
-  if (atspiIsRoot(item.facts.role) || !item.facts.interfaces.component) return;
-  const AtspiStates states = item.facts.states;
-  if (!states.has(tellsShowing(toolkit) ? AtspiStates::showing : AtspiStates::visible) ||
-      states.has(AtspiStates::iconified)) {
-    setFrame(item, unseen);
-    return;
-  }
-  const std::uint32_t coordinates = extentsInWindow(toolkit) ? 1 : 0;
-  context_.ask(item.element, atspi::component, "GetExtents", DBusArguments().add(coordinates),
-               [this, &item](const DBusReply& reply) {
-                 if (!got(reply) || !reply.is("(iiii)")) return;
-                 DBusReader body = reply.body;
-                 const int x = body.int32();
-                 const int y = body.int32();
-                 const int width = body.int32();
-                 const int height = body.int32();
-                 if (!body.ok()) return;
-                 const bool somewhere = x != INT_MIN && y != INT_MIN && width >= 0 && height >= 0;
-                 setFrame(item, somewhere
-                                    ? Rect{double(x), double(y), double(width), double(height)}
-                                    : unseen);
-               });
-}
-
-void AtspiReader::setFrame(Item& item, std::optional<Rect> told) {
-  AtspiObject& object = context_.objects.object(item.element);
-  if (object.parent != item.element && !popsUp(item.facts.role))
-    object.seenIn = context_.objects.object(object.parent).seenIn;
-  // Scrolled out of sight: the place where it would be shows something else.
-  if (object.seenIn && !overlap(*told, *object.seenIn)) told = unseen;
-  if (atspiClips(item.facts.role) && *told != unseen)
-    object.seenIn = object.seenIn ? intersection(*told, *object.seenIn) : *told;
-  item.state.frame = told;
+  const bool byFocus = facts.role == atspiRole::pageTab && tellsSelectedTabByFocus(toolkit);
+  if (wants(focused)) state.focused = !byFocus && facts.states.has(AtspiStates::focused);
 }
 
 void AtspiReader::askValue(Item& item) {
+  const AtspiToolkit toolkit = context_.objects.applicationOf(item.element).toolkit;
   const AtspiStates states = item.facts.states;
   std::optional<std::string>& told = item.state.value;
   switch (item.kind.value) {
     case AtspiValue::none:
       break;
     case AtspiValue::name:
-      told = item.facts.name;
+      if (!item.facts.name.empty()) told = item.facts.name;
       break;
     case AtspiValue::checked:
       told = states.has(AtspiStates::checked) || states.has(AtspiStates::pressed) ? "1" : "0";
       break;
     case AtspiValue::selected:
-      told = states.has(AtspiStates::selected) ? "1" : "0";
+      told = states.has(tellsSelectedTabByFocus(toolkit) ? AtspiStates::focused
+                                                         : AtspiStates::selected)
+                 ? "1"
+                 : "0";
       break;
     case AtspiValue::number:
       if (!item.facts.interfaces.value) break;
       context_.askProperty(item.element, atspi::valueInterface, "CurrentValue",
                            [this, &item](const DBusReply& reply) {
-                             got(reply);
+                             context_.got(reply);
                              if (const auto number = numberProperty(reply))
                                item.state.value = fmt::to_string(*number);
                            });
@@ -299,7 +254,7 @@ void AtspiReader::askText(Item& item) {
   if (item.kind.value == AtspiValue::secret) {
     context_.askProperty(item.element, atspi::textInterface, "CharacterCount",
                          [this, &item](const DBusReply& reply) {
-                           got(reply);
+                           context_.got(reply);
                            const auto count = countProperty(reply);
                            if (!count) return;
                            item.state.value.emplace();
@@ -311,19 +266,22 @@ void AtspiReader::askText(Item& item) {
   context_.ask(item.element, atspi::textInterface, "GetText",
                DBusArguments().add(std::int32_t{0}).add(maxTextCharacters),
                [this, &item](const DBusReply& reply) {
-                 if (!got(reply) || !reply.is("s")) return;
+                 if (!context_.got(reply) || !reply.is("s")) return;
                  item.state.value = boundedText(DBusReader(reply.body).text());
                });
 }
 
 void AtspiReader::askChoice(Item& item) {
-  if (!item.facts.interfaces.selection) {
-    if (!item.facts.name.empty()) item.state.value = item.facts.name;
+  if (showsLabelInside(context_.objects.applicationOf(item.element).toolkit, item.facts.role))
+    return;
+  if (namesChoice(context_.objects.applicationOf(item.element).toolkit)) {
+    item.state.value = item.facts.name;
     return;
   }
+  if (!item.facts.interfaces.selection) return;
   context_.ask(item.element, atspi::selection, "GetSelectedChild",
                DBusArguments().add(std::int32_t{0}), [this, &item](const DBusReply& reply) {
-                 if (!got(reply) || !reply.is("(so)")) return;
+                 if (!context_.got(reply) || !reply.is("(so)")) return;
                  DBusReader body = reply.body;
                  const auto chosen = reference(body);
                  if (!chosen) return;
@@ -331,10 +289,55 @@ void AtspiReader::askChoice(Item& item) {
                      context_.objects.element(chosen->first, chosen->second, item.element);
                  context_.askProperty(child, atspi::accessible, "Name",
                                       [this, &item](const DBusReply& named) {
-                                        got(named);
+                                        context_.got(named);
                                         if (const auto name = textProperty(named))
                                           item.state.value = boundedText(*name);
                                       });
+               });
+}
+
+void AtspiReader::askLabelInside(Item& item, AXElement within, int depth) {
+  constexpr int maxDepth = 6;
+  constexpr std::size_t maxBreadth = 8;
+  context_.ask(within, atspi::accessible, "GetChildren", {},
+               [this, &item, within, depth](const DBusReply& reply) {
+                 if (!context_.got(reply) || !reply.is("a(so)")) return;
+                 DBusReader body = reply.body;
+                 DBusReader list = body.array(8);
+                 for (std::size_t i = 0; i < maxBreadth && list.more(); ++i) {
+                   list.structure();
+                   const auto child = reference(list);
+                   if (!child) continue;
+                   const AXElement element =
+                       context_.objects.element(child->first, child->second, within);
+                   askWhetherLabel(item, element);
+                   if (depth < maxDepth) askLabelInside(item, element, depth + 1);
+                 }
+               });
+}
+
+void AtspiReader::askWhetherLabel(Item& item, AXElement element) {
+  // The answers come in this order; one that shows no size lies on a page that is not shown.
+  const auto label = std::make_shared<std::string>();
+  context_.ask(element, atspi::accessible, "GetRole", {}, [label](const DBusReply& reply) {
+    if (reply.is("u") && DBusReader(reply.body).uint32() == atspiRole::label) *label = "?";
+  });
+  context_.askProperty(element, atspi::accessible, "Name", [label](const DBusReply& reply) {
+    const auto name = textProperty(reply);
+    if (name && !label->empty())
+      *label = boundedText(*name);
+    else
+      label->clear();
+  });
+  context_.ask(element, atspi::component, "GetExtents", DBusArguments().add(std::uint32_t{1}),
+               [this, &item, label](const DBusReply& reply) {
+                 DBusReader body = reply.body;
+                 if (!reply.is("(iiii)") || label->empty()) return;
+                 body.int32();
+                 body.int32();
+                 const bool isTab = item.facts.role == atspiRole::pageTab;
+                 std::optional<std::string>& told = isTab ? item.state.title : item.state.value;
+                 if (body.int32() > 0 && !told && wants(isTab ? title : value)) told = *label;
                });
 }
 
@@ -350,10 +353,11 @@ void AtspiReader::askChildren(Item& item) {
     context_.ask(item.element, atspi::accessible, "GetChildren", {},
                  [this, &item](const DBusReply& reply) { takeChildren(item, reply); });
   };
+  if (isLeaf(context_.objects.application(object.application).toolkit, item.facts.role)) return;
   if (!atspiHoldsRows(item.facts.role)) return askAll();
   context_.askProperty(item.element, atspi::accessible, "ChildCount",
                        [this, &item, askAll](const DBusReply& reply) {
-                         if (!got(reply)) return;
+                         if (!context_.got(reply)) return;
                          const auto count = countProperty(reply);
                          if (count && *count > 0 && std::size_t(*count) > maxChildren_)
                            askChildrenByIndex(item, maxChildren_);
@@ -369,7 +373,7 @@ void AtspiReader::askChildrenByIndex(Item& item, std::size_t count) {
     context_.ask(item.element, atspi::accessible, "GetChildAtIndex",
                  DBusArguments().add(static_cast<std::int32_t>(index)),
                  [this, &item, index](const DBusReply& reply) {
-                   if (!got(reply) || !reply.is("(so)")) return;
+                   if (!context_.got(reply) || !reply.is("(so)")) return;
                    DBusReader body = reply.body;
                    if (const auto child = reference(body))
                      item.byIndex[index] =
@@ -379,7 +383,7 @@ void AtspiReader::askChildrenByIndex(Item& item, std::size_t count) {
 }
 
 void AtspiReader::takeChildren(Item& item, const DBusReply& reply) {
-  if (!got(reply) || !reply.is("a(so)")) return;
+  if (!context_.got(reply) || !reply.is("a(so)")) return;
   DBusReader body = reply.body;
   DBusReader list = body.array(8);
   while (list.more()) {

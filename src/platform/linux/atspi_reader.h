@@ -6,6 +6,7 @@
 
 #include "platform/accessibility.h"
 #include "platform/linux/atspi_context.h"
+#include "platform/linux/atspi_places.h"
 
 namespace vesko {
 
@@ -13,7 +14,7 @@ namespace vesko {
 class AtspiReader {
  public:
   AtspiReader(AtspiContext& context, AXAttributeSet wanted, std::size_t maxChildren)
-      : context_(context), wanted_(wanted), maxChildren_(maxChildren) {}
+      : context_(context), places_(context), wanted_(wanted), maxChildren_(maxChildren) {}
 
   std::vector<AXElementState> read(std::span<const AXElement> elements);
 
@@ -29,24 +30,24 @@ class AtspiReader {
 
   bool wants(AXAttributeSet attribute) const { return (wanted_ & attribute) != 0; }
   void listElements(std::span<const AXElement> elements);
-  void visitUnlisted(std::uint32_t application, std::span<const AXElement> from);
+  /// False when there was nothing to visit.
+  bool visitUnlisted(std::uint32_t application, std::span<const AXElement> from);
   void start(Item& item);
   void askFacts(Item& item);
   void factArrived(Item& item);
   void askRest(Item& item);
   void tellFacts(Item& item);
-  void askFrame(Item& item);
-  void setFrame(Item& item, std::optional<Rect> frame);
   void askValue(Item& item);
   void askText(Item& item);
   void askChoice(Item& item);
+  void askLabelInside(Item& item, AXElement within, int depth);
+  void askWhetherLabel(Item& item, AXElement element);
   void askChildren(Item& item);
   void askChildrenByIndex(Item& item, std::size_t count);
   void takeChildren(Item& item, const DBusReply& reply);
-  /// False when it is no value; what the session misses by that is noted.
-  bool got(const DBusReply& reply);
 
   AtspiContext& context_;
+  AtspiPlaces places_;
   const AXAttributeSet wanted_;
   const std::size_t maxChildren_;
 };

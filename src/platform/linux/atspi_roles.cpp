@@ -195,7 +195,12 @@ bool atspiIsWindow(std::uint32_t role) {
          role == atspiRole::window;
 }
 
-bool atspiClips(std::uint32_t role) {
+bool atspiPopsUp(std::uint32_t role) {
+  return atspiIsWindow(role) || role == atspiRole::menu || role == atspiRole::menuItem ||
+         role == atspiRole::popupMenu || role == atspiRole::comboBox;
+}
+
+bool atspiScrolls(std::uint32_t role) {
   return role == atspiRole::scrollPane || role == atspiRole::viewport ||
          role == atspiRole::documentWeb || atspiHoldsRows(role);
 }

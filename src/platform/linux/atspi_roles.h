@@ -14,8 +14,9 @@ inline constexpr std::uint32_t invalid = 0, alert = 2, columnHeader = 10, comboB
                                desktopFrame = 14, dialog = 16, frame = 23, icon = 26, label = 29,
                                list = 31, listItem = 32, menu = 33, menuBar = 34, menuItem = 35,
                                pageTab = 37, pageTabList = 38, panel = 39, passwordText = 40,
-                               pushButton = 43, scrollPane = 49, slider = 51, table = 55,
-                               tableCell = 56, text = 61, toggleButton = 62, tree = 65,
+                               popupMenu = 41, pushButton = 43, scrollPane = 49, slider = 51,
+                               table = 55, tableCell = 56, tableColumnHeader = 57,
+                               tableRowHeader = 58, text = 61, toggleButton = 62, tree = 65,
                                treeTable = 66, viewport = 68, window = 69, application = 75,
                                entry = 79, documentFrame = 82, documentWeb = 95, listBox = 98,
                                staticText = 116;
@@ -76,7 +77,9 @@ bool atspiHoldsRows(std::uint32_t role);
 /// Stands for a whole application or for the desktop, and has neither state nor place.
 bool atspiIsRoot(std::uint32_t role);
 bool atspiIsWindow(std::uint32_t role);
-/// What lies outside such an element's frame is not seen.
-bool atspiClips(std::uint32_t role);
+/// Shows in a window of its own, wherever its parent lies.
+bool atspiPopsUp(std::uint32_t role);
+/// Shows a part of something larger.
+bool atspiScrolls(std::uint32_t role);
 
 }  // namespace vesko

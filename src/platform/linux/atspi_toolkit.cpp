@@ -26,6 +26,40 @@ bool extentsInWindow(AtspiToolkit toolkit) {
   return toolkit == AtspiToolkit::gtk4;
 }
 
+bool ownFramesSuffice(AtspiToolkit toolkit) {
+  return toolkit == AtspiToolkit::gtk3 || toolkit == AtspiToolkit::unknown;
+}
+
+bool clipsChildren(AtspiToolkit toolkit, std::uint32_t role) {
+  // A widget of Qt never draws outside its parent.
+  return toolkit == AtspiToolkit::qt || atspiScrolls(role);
+}
+
+bool namesChoice(AtspiToolkit toolkit) {
+  return toolkit == AtspiToolkit::qt;
+}
+
+bool showsLabelInside(AtspiToolkit toolkit, std::uint32_t role) {
+  return toolkit == AtspiToolkit::gtk4 &&
+         (role == atspiRole::pageTab || role == atspiRole::comboBox);
+}
+
+bool choosesClosed(AtspiToolkit toolkit) {
+  return toolkit != AtspiToolkit::gtk4 && toolkit != AtspiToolkit::qt;
+}
+
+bool tellsSelectedTabByFocus(AtspiToolkit toolkit) {
+  return toolkit == AtspiToolkit::qt;
+}
+
+bool isLeaf(AtspiToolkit toolkit, std::uint32_t role) {
+  // What is no widget there.
+  if (toolkit != AtspiToolkit::qt) return false;
+  return role == atspiRole::tableCell || role == atspiRole::pageTab ||
+         role == atspiRole::listItem || role == atspiRole::tableColumnHeader ||
+         role == atspiRole::tableRowHeader;
+}
+
 bool isClassName(AtspiToolkit toolkit, std::string_view name) {
   return toolkit == AtspiToolkit::gtk4 && (name.starts_with("Gtk") || name.starts_with("Adw")) &&
          name.size() > 3 && name[3] >= 'A' && name[3] <= 'Z' &&

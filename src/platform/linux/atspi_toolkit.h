@@ -20,6 +20,23 @@ bool listsVisitedElementsOnly(AtspiToolkit toolkit);
 bool tellsShowing(AtspiToolkit toolkit);
 /// Whether extents are told relative to the window and not to the screen.
 bool extentsInWindow(AtspiToolkit toolkit);
+/// Whether each element tells correctly whether and where it is seen. Where not, its ancestors have
+/// a say.
+bool ownFramesSuffice(AtspiToolkit toolkit);
+/// Whether nothing of the children shows outside an element of that role.
+bool clipsChildren(AtspiToolkit toolkit, std::uint32_t role);
+/// Whether a box of choices is named by what is chosen.
+bool namesChoice(AtspiToolkit toolkit);
+/// Whether elements of that role are told apart only by the text that they show, a label inside
+/// them: a tab is named by it, and a box of choices has it as its value.
+bool showsLabelInside(AtspiToolkit toolkit, std::uint32_t role);
+/// Whether a choice can be made in a box of choices that is closed. Elsewhere the choices are not
+/// there then, or say that they were made without being so.
+bool choosesClosed(AtspiToolkit toolkit);
+/// Whether the tab whose page shows says that it has the focus, and not that it is selected.
+bool tellsSelectedTabByFocus(AtspiToolkit toolkit);
+/// Whether elements of that role never have children.
+bool isLeaf(AtspiToolkit toolkit, std::uint32_t role);
 /// A name that is no name: the class of a widget that was given none.
 bool isClassName(AtspiToolkit toolkit, std::string_view name);
 /// Whether the keyboard focus can be moved through Component.GrabFocus.

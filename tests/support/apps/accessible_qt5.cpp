@@ -1,4 +1,5 @@
 // A Qt 5 window for the accessibility tests and figures, as accessible_gtk3.cpp describes them.
+#include <unistd.h>
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
@@ -16,8 +17,8 @@
 #include <QTabWidget>
 #include <QTableWidget>
 #include <QVBoxLayout>
+
 #include <cstdio>
-#include <iostream>
 #include <string>
 
 #include "report.h"
@@ -137,6 +138,23 @@ void tellFrames(QMainWindow& window) {
   report("done");
 }
 
+void command(QMainWindow& window, const std::string& line) {
+  int x = 0;
+  int y = 0;
+  if (line == "frames") {
+    tellFrames(window);
+  } else if (std::sscanf(line.c_str(), "move %d %d", &x, &y) == 2) {
+    window.move(x, y);
+  } else if (line == "remove") {
+    delete window.findChild<QPushButton*>(QString::fromUtf8("Save As…"));
+    report("removed");
+  } else if (line == "menu") {
+    QMenu* menu = window.menuBar()->actions().front()->menu();
+    menu->popup(window.mapToGlobal(QPoint(20, 40)));
+    report("menu");
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -149,26 +167,20 @@ int main(int argc, char** argv) {
     fillMany(window, std::stoi(argv[2]));
   else
     fillForm(window);
+  std::string unread;
   QSocketNotifier commands(0, QSocketNotifier::Read);
   QObject::connect(&commands, &QSocketNotifier::activated, [&] {
-    std::string line;
-    if (!std::getline(std::cin, line)) {
+    char chunk[4096];
+    const ssize_t count = ::read(0, chunk, sizeof chunk);
+    if (count <= 0) {
       commands.setEnabled(false);
       return;
     }
-    int x = 0;
-    int y = 0;
-    if (line == "frames") {
-      tellFrames(window);
-    } else if (std::sscanf(line.c_str(), "move %d %d", &x, &y) == 2) {
-      window.move(x, y);
-    } else if (line == "remove") {
-      delete window.findChild<QPushButton*>(QString::fromUtf8("Save As…"));
-      report("removed");
-    } else if (line == "menu") {
-      QMenu* menu = window.menuBar()->actions().front()->menu();
-      menu->popup(window.mapToGlobal(QPoint(20, 40)));
-      report("menu");
+    unread.append(chunk, static_cast<std::size_t>(count));
+    for (auto end = unread.find('\n'); end != std::string::npos; end = unread.find('\n')) {
+      const std::string line = unread.substr(0, end);
+      unread.erase(0, end + 1);
+      command(window, line);
     }
   });
   window.show();

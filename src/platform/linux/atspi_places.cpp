@@ -1,0 +1,167 @@
+#include "platform/linux/atspi_places.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+
+namespace vesko {
+namespace {
+
+// Where nothing of an element is seen: touches no screen, as those begin at the origin.
+constexpr Rect unseen{-1, -1, 0, 0};
+// No interface nests so deep; a circle of a faulty one ends here.
+constexpr int maxDepth = 256;
+
+bool overlap(const Rect& a, const Rect& b) {
+  return a.x < b.x + b.w && b.x < a.x + a.w && a.y < b.y + b.h && b.y < a.y + a.h;
+}
+
+Rect intersection(const Rect& a, const Rect& b) {
+  const double x = std::max(a.x, b.x);
+  const double y = std::max(a.y, b.y);
+  return {x, y, std::max(std::min(a.x + a.w, b.x + b.w) - x, 0.0),
+          std::max(std::min(a.y + a.h, b.y + b.h) - y, 0.0)};
+}
+
+}  // namespace
+
+void AtspiPlaces::ask(AXElement element, const AtspiFacts& facts) {
+  AtspiObject& object = context_.objects.object(element);
+  const AtspiToolkit toolkit = context_.objects.application(object.application).toolkit;
+  object.place = {.asked = true};
+  if (atspiIsRoot(facts.role) || !facts.interfaces.component) return;
+  const auto shown = tellsShowing(toolkit) ? AtspiStates::showing : AtspiStates::visible;
+  object.place.hidden = !facts.states.has(shown) || facts.states.has(AtspiStates::iconified);
+  if (!ownFramesSuffice(toolkit)) askAncestors(element);
+  if (!object.place.hidden) askExtents(element);
+}
+
+void AtspiPlaces::askExtents(AXElement element) {
+  const AtspiToolkit toolkit = context_.objects.applicationOf(element).toolkit;
+  const std::uint32_t coordinates = extentsInWindow(toolkit) ? 1 : 0;
+  context_.ask(element, atspi::component, "GetExtents", DBusArguments().add(coordinates),
+               [this, element](const DBusReply& reply) {
+                 if (!context_.got(reply) || !reply.is("(iiii)")) return;
+                 DBusReader body = reply.body;
+                 const int x = body.int32();
+                 const int y = body.int32();
+                 const int width = body.int32();
+                 const int height = body.int32();
+                 AtspiPlace& place = context_.objects.object(element).place;
+                 if (!body.ok()) return;
+                 if (x == INT_MIN || y == INT_MIN)
+                   place.hidden = true;
+                 else
+                   place.told = {double(x), double(y), double(width), double(height)};
+               });
+}
+
+void AtspiPlaces::askAncestors(AXElement element) {
+  for (int depth = 0; depth < maxDepth; ++depth) {
+    const AXElement parent = context_.objects.object(element).parent;
+    AtspiObject& object = context_.objects.object(parent);
+    if (parent == element || object.place.asked) return;
+    object.place = {.asked = true};
+    element = parent;
+    if (object.path == atspi::rootPath) return;
+    if (object.role == atspiRole::invalid)
+      context_.ask(parent, atspi::accessible, "GetRole", {},
+                   [this, parent](const DBusReply& reply) {
+                     if (context_.got(reply) && reply.is("u"))
+                       context_.objects.object(parent).role = DBusReader(reply.body).uint32();
+                   });
+    context_.ask(parent, atspi::accessible, "GetState", {}, [this, parent](const DBusReply& reply) {
+      const auto states = statesIn(reply);
+      if (!context_.got(reply) || !states) return;
+      const AtspiToolkit toolkit = context_.objects.applicationOf(parent).toolkit;
+      const auto shown = tellsShowing(toolkit) ? AtspiStates::showing : AtspiStates::visible;
+      if (!states->has(shown)) context_.objects.object(parent).place.hidden = true;
+    });
+    askExtents(parent);
+  }
+}
+
+std::optional<Rect> AtspiPlaces::frame(AXElement element) {
+  resolve(element, 0);
+  return context_.objects.object(element).place.frame;
+}
+
+void AtspiPlaces::resolve(AXElement element, int depth) {
+  AtspiObject& object = context_.objects.object(element);
+  AtspiPlace& place = object.place;
+  if (place.resolved) return;
+  place.resolved = true;
+  const AtspiToolkit toolkit = context_.objects.application(object.application).toolkit;
+  if (!ownFramesSuffice(toolkit) && object.parent != element && depth < maxDepth) {
+    resolve(object.parent, depth + 1);
+    const AtspiPlace& parent = context_.objects.object(object.parent).place;
+    place.origin = parent.origin;
+    place.popup = parent.popup;
+    // What it holds is hidden with it, whatever that says of itself.
+    place.hidden = place.hidden || parent.hidden;
+    if (!atspiPopsUp(object.role)) place.seenIn = parent.seenIn;
+  }
+  if (!place.hidden && !place.told) return;
+  if (place.hidden || place.told->w <= 0 || place.told->h <= 0) {
+    place.frame = unseen;
+    if (clipsChildren(toolkit, object.role)) place.seenIn = unseen;
+    return;
+  }
+  if (extentsInWindow(toolkit)) placeInWindow(element, place);
+  Rect frame = *place.told;
+  frame.x += place.origin.x;
+  frame.y += place.origin.y;
+  place.frame = !place.seenIn || overlap(frame, *place.seenIn) ? frame : unseen;
+  if (clipsChildren(toolkit, object.role) && !atspiPopsUp(object.role))
+    place.seenIn = place.seenIn ? intersection(frame, *place.seenIn) : frame;
+}
+
+void AtspiPlaces::placeInWindow(AXElement element, AtspiPlace& place) {
+  const AtspiObject& object = context_.objects.object(element);
+  const Rect& told = *place.told;
+  if (atspiIsWindow(object.role)) {
+    if (const AtspiWindow* window = windowOf(context_, element))
+      place.origin = contentOrigin(*window, told.w, told.h);
+    return;
+  }
+  // What stands for a popover has its size, but tells a position as if it lay at its parent's.
+  for (const AtspiWindow& popup : windowsOf(context_, object.application).popups) {
+    const double width = popup.rect.w - popup.left - popup.right;
+    const double height = popup.rect.h - popup.top - popup.bottom;
+    if (place.popup == popup.id || width != told.w || height != told.h) continue;
+    place.popup = popup.id;
+    place.origin = {popup.rect.x + popup.left - told.x, popup.rect.y + popup.top - told.y};
+    place.seenIn.reset();
+    return;
+  }
+}
+
+const AtspiWindows::OfProcess& windowsOf(AtspiContext& context, std::uint32_t number) {
+  AtspiApplication& application = context.objects.application(number);
+  if (!application.windows) application.windows = context.windows.windowsOf(application.process);
+  return *application.windows;
+}
+
+const AtspiWindow* windowOf(AtspiContext& context, AXElement element) {
+  for (int depth = 0; depth < maxDepth; ++depth) {
+    const AtspiObject& object = context.objects.object(element);
+    if (object.parent == element) return nullptr;
+    if (context.objects.object(object.parent).path == atspi::rootPath) break;
+    element = object.parent;
+  }
+  const AtspiObject& object = context.objects.object(element);
+  const AtspiWindow* best = nullptr;
+  double bestDifference = 0;
+  for (const AtspiWindow& window : windowsOf(context, object.application).windows) {
+    // One with the same title, else the one whose size is nearest.
+    const Rect told = object.place.told.value_or(Rect{});
+    const double difference = std::abs(window.rect.w - told.w) + std::abs(window.rect.h - told.h) +
+                              (window.title == object.windowTitle ? 0 : 1e6);
+    if (best && difference >= bestDifference) continue;
+    best = &window;
+    bestDifference = difference;
+  }
+  return best;
+}
+
+}  // namespace vesko

@@ -1,0 +1,138 @@
+// Applications that hang, die, flood or lie, a bus that comes and goes, and many sessions at once.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "accessible_app.h"
+#include "platform/linux/atspi_accessibility.h"
+
+namespace vesko::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+/// Kilobytes, at their most so far.
+long peakMemory() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+struct Walked {
+  std::vector<Met> elements;
+  bool incomplete = false;
+};
+
+Walked walkApplication(AtspiAccessibility& accessibility, pid_t pid, std::chrono::seconds time) {
+  const auto session = accessibility.begin(Clock::now() + time);
+  const auto root = session->application(pid);
+  if (!root) return {};
+  auto elements = walk(*session, *root);
+  return {std::move(elements), session->incomplete()};
+}
+
+TEST(AccessibilityFaults, MisbehavingApplicationsEndNoWalkLate) {
+  struct Case {
+    const char* mode;
+    std::size_t atLeast;  ///< elements met
+    std::size_t atMost;
+    bool incomplete;
+  };
+  // A circle is met once, so it ends; what is invented on the way counts as any other element.
+  const Case cases[] = {{"cycle", 2, 500, false},     {"liar", 2, 500, false},
+                        {"flood", 3000, 3000, false}, {"long", 52, 52, false},
+                        {"wrong", 1, 1, false},       {"silent", 2, 2, true},
+                        {"dying", 2, 52, true}};
+  AtspiAccessibility accessibility;
+  for (const Case& wrong : cases) {
+    SCOPED_TRACE(wrong.mode);
+    AccessibleApp app("misbehaving_accessible", {wrong.mode});
+    const long before = peakMemory();
+    const Walked walked = walkApplication(accessibility, app.pid(), 30s);
+    EXPECT_GE(walked.elements.size(), wrong.atLeast);
+    EXPECT_LE(walked.elements.size(), wrong.atMost);
+    EXPECT_EQ(walked.incomplete, wrong.incomplete);
+    EXPECT_LT(peakMemory() - before, 200 << 10);
+    for (const Met& met : walked.elements)
+      EXPECT_LE(met.state.title.value_or("").size(), maxAXValueBytes);
+  }
+}
+
+TEST(AccessibilityFaults, StoppedApplicationEndsWithTheDeadlineOrBefore) {
+  AccessibleApp app("accessible_gtk3", {"many", "600"});
+  AtspiAccessibility accessibility;
+  const Walked whole = walkApplication(accessibility, app.pid(), 30s);
+  EXPECT_FALSE(whole.incomplete);
+  app.program().signal(SIGSTOP);
+  const auto session = accessibility.begin(Clock::now() + 30s);
+  const auto root = session->application(app.pid());
+  ASSERT_TRUE(root);
+  const auto state = session->read(std::span(&*root, 1), axAttributes::all, 100)[0];
+  EXPECT_EQ(state.error, AXError::cannotComplete);
+  EXPECT_TRUE(session->incomplete());
+  // Given up: nothing more is waited for.
+  EXPECT_EQ(session->read(std::span(&*root, 1), axAttributes::all, 100)[0].error,
+            AXError::cannotComplete);
+  EXPECT_EQ(session->perform(*root, AXAction::press), AXError::cannotComplete);
+  // Beside it others are read as ever.
+  AccessibleApp other("accessible_gtk3", {"many", "60"});
+  EXPECT_FALSE(walkApplication(accessibility, other.pid(), 30s).incomplete);
+  app.program().signal(SIGCONT);
+  EXPECT_EQ(walkApplication(accessibility, app.pid(), 30s).elements.size(), whole.elements.size());
+}
+
+TEST(AccessibilityFaults, SessionsRunSideBySide) {
+  AccessibleApp app("accessible_gtk3", {"many", "300"});
+  AtspiAccessibility accessibility(50ms);
+  const std::size_t expected = walkApplication(accessibility, app.pid(), 30s).elements.size();
+  EXPECT_GT(expected, 200U);
+  std::atomic<int> wrong = 0;
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&] {
+        for (int round = 0; round < 5; ++round) {
+          const Walked walked = walkApplication(accessibility, app.pid(), 60s);
+          if (walked.elements.size() != expected || walked.incomplete) ++wrong;
+        }
+      });
+    }
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(AccessibilityFaults, StaleListsDoNotHideElements) {
+  AccessibleApp app("accessible_gtk3", {"form"});
+  AtspiAccessibility accessibility;
+  walkApplication(accessibility, app.pid(), 30s);
+  app.send("add");
+  EXPECT_TRUE(app.program().waitForLine("added"));
+  const Walked later = walkApplication(accessibility, app.pid(), 30s);
+  EXPECT_TRUE(find(later.elements, "AXButton", "Added Later"));
+  EXPECT_EQ(accessibility.begin(Clock::now() + 5s)->application(::getpid()).error(),
+            AXError::apiDisabled);
+}
+
+TEST(AccessibilityFaults, BusThatIsNotThere) {
+  const std::string address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  AtspiAccessibility accessibility;
+  for (const char* broken : {"unix:path=/nonexistent", "tcp:host=nowhere", ""}) {
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", broken, 1);
+    const auto session = accessibility.begin(Clock::now() + 5s);
+    EXPECT_EQ(session->application(1).error(), AXError::apiDisabled) << broken;
+    EXPECT_EQ(session->systemWide().error(), AXError::apiDisabled);
+    const AXElement none = 7;
+    EXPECT_EQ(session->read(std::span(&none, 1), axAttributes::all, 1)[0].error,
+              AXError::invalidElement);
+    EXPECT_EQ(session->setValue(none, "x"), AXError::invalidElement);
+  }
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+  EXPECT_TRUE(accessibility.begin(Clock::now() + 30s)->systemWide());
+}
+
+}  // namespace
+}  // namespace vesko::test
