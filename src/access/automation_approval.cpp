@@ -37,4 +37,9 @@ void AutomationApproval::cancel() {
   state_->changed.notify_all();
 }
 
+int AutomationApproval::waiting() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->waiting;
+}
+
 }  // namespace vesko

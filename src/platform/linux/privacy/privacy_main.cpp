@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <span>
@@ -281,5 +282,8 @@ int run(std::span<char*> words) {
 int main(int argc, char** argv) {
   vesko::adoptMainThread();
   std::signal(SIGPIPE, SIG_IGN);
-  return vesko::run(std::span(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0));
+  const int code =
+      vesko::run(std::span(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0));
+  // Without the toolkit's own farewell: what it holds goes with the process.
+  std::_Exit(code);
 }
