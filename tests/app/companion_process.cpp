@@ -229,7 +229,7 @@ Installation::Installation(Helper helper) {
   fs::create_directories(contents() / "Resources");
   place(built / "Contents/MacOS/VeskoCompanion", executable());
   for (const char* program : {"veskoctl", "vesko-privacy"})
-    place(built / "Contents/Resources" / program, contents() / "Resources" / program);
+    place(built / "Contents/Resources" / program, resource(program));
   fs::create_directories(contents() / "PlugIns");
   place(built / "Contents/PlugIns/VeskoPhotos.so", contents() / "PlugIns/VeskoPhotos.so");
   const auto daemon = contents() / "Resources/veskokit-daemon";

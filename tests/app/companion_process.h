@@ -131,7 +131,10 @@ class Installation {
   std::filesystem::path home(std::string_view name = "home") const;
   Directories directories(std::string_view home = "home") const;
   std::filesystem::path executable() const { return contents() / "MacOS/VeskoCompanion"; }
-  std::filesystem::path veskoctl() const { return contents() / "Resources/veskoctl"; }
+  std::filesystem::path resource(std::string_view name) const {
+    return contents() / "Resources" / name;
+  }
+  std::filesystem::path veskoctl() const { return resource("veskoctl"); }
 
   /// Where the user's consents are kept.
   std::filesystem::path consents() const { return directories().state / "consents.plist"; }

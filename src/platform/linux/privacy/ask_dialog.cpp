@@ -25,7 +25,6 @@ class AskDialog {
  private:
   GtkWidget* makeText(const std::string& application);
   GtkWidget* makeButtons();
-  void describe(GtkWidget* heading, GtkWidget* body);
   bool event(GdkEvent* event);
   void gateChanged(bool open);
   void answer(ConsentState state);
@@ -99,14 +98,10 @@ GtkWidget* AskDialog::makeText(const std::string& application) {
   gtk_widget_set_visible(failure_, FALSE);
   for (GtkWidget* widget : {icon, heading, body, note, failure_})
     gtk_box_append(GTK_BOX(box), widget);
-  describe(heading, body);
+  // The title is its name.
+  gtk_accessible_update_property(GTK_ACCESSIBLE(window_), GTK_ACCESSIBLE_PROPERTY_DESCRIPTION,
+                                 std::string(text.meaning).c_str(), -1);
   return box;
-}
-
-void AskDialog::describe(GtkWidget* heading, GtkWidget* body) {
-  gtk_accessible_update_relation(GTK_ACCESSIBLE(window_), GTK_ACCESSIBLE_RELATION_LABELLED_BY,
-                                 heading, nullptr, GTK_ACCESSIBLE_RELATION_DESCRIBED_BY, body,
-                                 nullptr, -1);
 }
 
 GtkWidget* AskDialog::makeButtons() {
@@ -115,8 +110,8 @@ GtkWidget* AskDialog::makeButtons() {
   for (auto* set :
        {gtk_widget_set_margin_start, gtk_widget_set_margin_end, gtk_widget_set_margin_bottom})
     set(box, 20);
-  deny_ = gtk_button_new_with_mnemonic("_Don't Allow");
-  allow_ = gtk_button_new_with_mnemonic("_Allow");
+  deny_ = widgets::button("_Don't Allow");
+  allow_ = widgets::button("_Allow");
   for (GtkWidget* button : {deny_, allow_}) {
     gtk_widget_set_sensitive(button, FALSE);
     gtk_widget_add_css_class(button, "consent-answer");

@@ -98,8 +98,8 @@ GtkWidget* SettingsWindow::makeRow(Consent consent) {
   gtk_widget_add_css_class(state, "caption");
   GtkWidget* toggle = gtk_switch_new();
   gtk_widget_set_valign(toggle, GTK_ALIGN_CENTER);
-  gtk_accessible_update_property(GTK_ACCESSIBLE(toggle), GTK_ACCESSIBLE_PROPERTY_LABEL,
-                                 title.c_str(), GTK_ACCESSIBLE_PROPERTY_DESCRIPTION,
+  // Its name is the row's title.
+  gtk_accessible_update_property(GTK_ACCESSIBLE(toggle), GTK_ACCESSIBLE_PROPERTY_DESCRIPTION,
                                  std::string(text.explanation).c_str(), -1);
   adw_action_row_add_suffix(ADW_ACTION_ROW(row), state);
   adw_action_row_add_suffix(ADW_ACTION_ROW(row), toggle);

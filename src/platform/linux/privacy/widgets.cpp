@@ -47,6 +47,16 @@ GtkWidget* paragraph(std::string_view text, const char* cssClass) {
   return label;
 }
 
+// The toolkit's own way puts the text as it was given into the accessible name.
+GtkWidget* button(const char* mnemonic) {
+  GtkWidget* label = gtk_label_new_with_mnemonic(mnemonic);
+  GtkWidget* result = gtk_button_new();
+  gtk_button_set_child(GTK_BUTTON(result), label);
+  gtk_widget_add_css_class(result, "text-button");
+  gtk_label_set_mnemonic_widget(GTK_LABEL(label), result);
+  return result;
+}
+
 // EWMH, "_NET_WM_STATE": a mapped window asks by a message to the root window.
 void keepAbove(GtkWindow* window) {
   GdkSurface* surface = gtk_native_get_surface(GTK_NATIVE(window));

@@ -18,6 +18,9 @@ void loadStyle();
 /// A wrapped, centred text.
 GtkWidget* paragraph(std::string_view text, const char* cssClass = nullptr);
 
+/// A button with an underlined letter, and without the underscore in its accessible name.
+GtkWidget* button(const char* mnemonic);
+
 /// Asks the window manager to keep a mapped window above others and to treat it as a dialog. Only
 /// X11 has a way to ask.
 void keepAbove(GtkWindow* window);
