@@ -67,12 +67,10 @@ AskDialog::AskDialog(MainLoop& loop, ConsentStore& store, Consent consent,
   gtk_widget_add_controller(GTK_WIDGET(window_), events);
   widgets::connect<void, GParamSpec*>(window_, "notify::is-active", this,
                                       [](AskDialog& self, GParamSpec*) {
-                                        if (gtk_window_is_active(self.window_)) self.gate_.close();
+                                        self.gate_.setFocused(gtk_window_is_active(self.window_));
                                       });
-  widgets::connect<void>(window_, "map", this, [](AskDialog& self) {
-    self.gate_.close();
-    widgets::keepAbove(self.window_);
-  });
+  widgets::connect<void>(window_, "map", this,
+                         [](AskDialog& self) { widgets::keepAbove(self.window_); });
   widgets::connect<gboolean>(window_, "close-request", this, [](AskDialog& self) -> gboolean {
     self.end(privacyProgram::unanswered);
     return TRUE;

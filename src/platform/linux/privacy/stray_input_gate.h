@@ -1,5 +1,5 @@
 // Keeps a question from being answered by input that was meant for another window: it opens once
-// nothing has been typed or clicked for a moment since the window came up. Main thread.
+// the window has had the keyboard for a moment in which nothing was typed or clicked. Main thread.
 #pragma once
 
 #include <functional>
@@ -19,15 +19,17 @@ class StrayInputGate {
 
   bool open() const { return open_; }
 
-  /// The window has appeared or gets the keyboard: what is typed now may have been begun elsewhere.
-  void close() {
+  /// The window got the keyboard, when what is typed may have been begun elsewhere, or lost it.
+  void setFocused(bool focused) {
+    focused_ = focused;
+    timer_.cancel();
     if (std::exchange(open_, false)) changed_(false);
-    wait();
+    if (focused) wait();
   }
 
   /// Something was typed or clicked; true when it may count.
   [[nodiscard]] bool admit() {
-    if (!open_) wait();
+    if (!open_ && focused_) wait();
     return open_;
   }
 
@@ -41,6 +43,7 @@ class StrayInputGate {
 
   MainLoop& loop_;
   std::function<void(bool)> changed_;
+  bool focused_ = false;
   bool open_ = false;
   Timer timer_;
 };
