@@ -332,23 +332,32 @@ bool LinuxApplications::quit(const RunningApplication& application) {
   if (!x11) return false;
   watchWindows(*x11);
 
-  const auto before = windowsOf(*x11, application.pid);
-  bool ending = true;  // asked to end as a whole
-  for (const X11Window& each : mainWindows(before)) {
-    ending = ending && !each.canDelete;
-    if (each.canDelete) askToClose(*x11, each.id);
-  }
-  if (ending) askToEnd(application, pidfd.get(), before.empty());
-
+  std::vector<X11Window> asked;               // the windows that were asked to close
+  std::optional<Clock::time_point> askAgain;  // one that has only just opened may not listen yet
   std::optional<Clock::time_point> windowless;
+  bool ending = false;  // asked to end as a whole
   while (Clock::now() < until) {
     if (hasEnded(pidfd.get())) return true;
-    if (x11->broken()) return false;
     const auto now = windowsOf(*x11, application.pid);
-    const bool asks = std::ranges::any_of(now, [&before](const X11Window& each) {
-      return std::ranges::find(before, each.id, &X11Window::id) == before.end();
+    if (x11->broken()) return false;
+    const bool asks = !asked.empty() && std::ranges::any_of(now, [&asked](const X11Window& each) {
+      return std::ranges::find(asked, each.id, &X11Window::id) == asked.end();
     });
     if (asks) return true;
+    const bool first = asked.empty() && !now.empty();
+    const bool again = askAgain && Clock::now() >= *askAgain;
+    if (!ending && (first || again)) {
+      for (const X11Window& each : mainWindows(now)) {
+        if (each.canDelete) askToClose(*x11, each.id);
+      }
+      askAgain.reset();
+    }
+    if (first && !ending) {
+      asked = now;
+      askAgain = Clock::now() + quitPatience / 2;
+      ending = std::ranges::none_of(now, &X11Window::canDelete);
+      if (ending) askToEnd(application, pidfd.get(), false);
+    }
     if (!now.empty())
       windowless.reset();
     else if (!windowless)
@@ -357,8 +366,10 @@ bool LinuxApplications::quit(const RunningApplication& application) {
       askToEnd(application, pidfd.get(), true);
       ending = true;
     }
-    awaitChange(&*x11, pidfd.get(),
-                windowless && !ending ? std::min(until, *windowless + windowlessPatience) : until);
+    auto next = until;
+    if (windowless && !ending) next = std::min(next, *windowless + windowlessPatience);
+    if (askAgain && !ending) next = std::min(next, *askAgain);
+    awaitChange(&*x11, pidfd.get(), next);
   }
   return hasEnded(pidfd.get());
 }

@@ -225,9 +225,13 @@ std::vector<xcb_window_t> viewableOnRoot(X11Session& x11) {
   return found;
 }
 
-std::vector<xcb_window_t> rootList(X11Session& x11, XAtom property) {
+/// A manager updates its two lists one after the other: a window counts that is in either of them.
+std::vector<xcb_window_t> rootList(X11Session& x11, XAtom ordered, XAtom other) {
   if (!hasWindowManager(x11)) return viewableOnRoot(x11);
-  auto windows = readCardinals(x11, x11.root(), property);
+  auto windows = readCardinals(x11, x11.root(), ordered);
+  for (const xcb_window_t each : readCardinals(x11, x11.root(), other)) {
+    if (std::ranges::find(windows, each) == windows.end()) windows.push_back(each);
+  }
   if (windows.size() > maxWindows) windows.resize(maxWindows);
   return windows;
 }
@@ -254,11 +258,11 @@ bool hasWindowManager(X11Session& x11) {
 }
 
 std::vector<xcb_window_t> clientWindows(X11Session& x11) {
-  return rootList(x11, XAtom::netClientList);
+  return rootList(x11, XAtom::netClientList, XAtom::netClientListStacking);
 }
 
 std::vector<xcb_window_t> stackedWindows(X11Session& x11) {
-  return rootList(x11, XAtom::netClientListStacking);
+  return rootList(x11, XAtom::netClientListStacking, XAtom::netClientList);
 }
 
 std::vector<X11Window> readWindows(X11Session& x11, std::span<const xcb_window_t> windows) {

@@ -1,6 +1,7 @@
 // A GTK 4 window; with the argument "csd" under a header bar of its own.
 #include <gtk/gtk.h>
 
+#include <cstdlib>
 #include <cstring>
 
 int main(int argc, char** argv) {
@@ -14,4 +15,5 @@ int main(int argc, char** argv) {
   gtk_window_present(GTK_WINDOW(window));
   while (g_list_model_get_n_items(gtk_window_get_toplevels()) > 0)
     g_main_context_iteration(nullptr, TRUE);
+  std::_Exit(0);
 }
