@@ -140,6 +140,15 @@ TEST_P(ToolkitTest, TellsWhereTheControlsAre) {
       if (met.state.title != title || !met.state.frame) continue;
       EXPECT_LE(met.state.frame->x + met.state.frame->w, 0) << title;
     }
+    // Whoever leaves out what is out of sight must not lose what shows inside it.
+    if (!met.state.frame || met.state.frame->x + met.state.frame->w > 0) continue;
+    for (const Met& inside : elements_) {
+      if (std::ranges::find(met.state.children, inside.element) == met.state.children.end())
+        continue;
+      EXPECT_FALSE(inside.state.frame && inside.state.frame->x + inside.state.frame->w > 0)
+          << met.state.role << " hides " << inside.state.role << " "
+          << inside.state.title.value_or("");
+    }
   }
 }
 

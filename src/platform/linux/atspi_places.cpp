@@ -103,7 +103,7 @@ void AtspiPlaces::resolve(AXElement element, int depth) {
   }
   if (!place.hidden && !place.told) return;
   if (place.hidden || place.told->w <= 0 || place.told->h <= 0) {
-    place.frame = unseen;
+    if (!mayHideBeforeItsContent(toolkit, object.role)) place.frame = unseen;
     if (clipsChildren(toolkit, object.role)) place.seenIn = unseen;
     return;
   }

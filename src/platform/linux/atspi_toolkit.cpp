@@ -35,6 +35,10 @@ bool clipsChildren(AtspiToolkit toolkit, std::uint32_t role) {
   return toolkit == AtspiToolkit::qt || atspiScrolls(role);
 }
 
+bool mayHideBeforeItsContent(AtspiToolkit toolkit, std::uint32_t role) {
+  return toolkit == AtspiToolkit::gtk3 && role == atspiRole::pageTab;
+}
+
 bool namesChoice(AtspiToolkit toolkit) {
   return toolkit == AtspiToolkit::qt;
 }

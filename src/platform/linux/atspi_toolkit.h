@@ -25,6 +25,10 @@ bool extentsInWindow(AtspiToolkit toolkit);
 bool ownFramesSuffice(AtspiToolkit toolkit);
 /// Whether nothing of the children shows outside an element of that role.
 bool clipsChildren(AtspiToolkit toolkit, std::uint32_t role);
+
+/// What holds the page of a tab in a notebook: hidden with the bar of tabs, also when its page
+/// shows.
+bool mayHideBeforeItsContent(AtspiToolkit toolkit, std::uint32_t role);
 /// Whether a box of choices is named by what is chosen.
 bool namesChoice(AtspiToolkit toolkit);
 /// Whether elements of that role are told apart only by the text that they show, a label inside

@@ -142,6 +142,10 @@ GtkWidget* form() {
   gtk_notebook_append_page(GTK_NOTEBOOK(notebook), button("On Page One"), gtk_label_new("One"));
   gtk_notebook_append_page(GTK_NOTEBOOK(notebook), button("On Page Two"), gtk_label_new("Two"));
   add(notebook);
+  GtkWidget* pages = gtk_notebook_new();
+  gtk_notebook_set_show_tabs(GTK_NOTEBOOK(pages), FALSE);
+  gtk_notebook_append_page(GTK_NOTEBOOK(pages), button("Without Tabs"), nullptr);
+  add(pages);
   GtkWidget* expander = gtk_expander_new("More");
   gtk_container_add(GTK_CONTAINER(expander), button("Collapsed"));
   add(expander);
