@@ -18,9 +18,12 @@ const {StdioClientTransport} = await load('@modelcontextprotocol/sdk/client/stdi
 const Ajv2020 = require('ajv/dist/2020.js').default;
 
 const folder = mkdtempSync(join(process.env.HOME, 'session-'));
-// A bundle of its own: a companion ends what earlier runs of the same bundle left behind.
+// An application of its own: a companion ends the helpers that earlier runs of the same left behind.
 const bundle = join(folder, 'Vesko Companion.app');
 cpSync(built, bundle, {recursive: true});
+const about = join(bundle, 'Contents/Info.plist');
+writeFileSync(about, readFileSync(about, 'utf8').replace(
+  /(<key>CFBundleIdentifier<\/key>\s*<string>)[^<]*/, `$1com.vesko.test.${process.pid}`));
 const veskoctl = join(bundle, 'Contents/Resources/veskoctl');
 const letter = join(folder, 'letter.txt');
 const children = [];
