@@ -36,9 +36,9 @@ class Desktop {
       return {
           200,
           fmt::format(
-              R"({{"windows":[{{"bundle_id":"a","title":"W","window_id":5,)"
+              R"({{"windows":[{{"bundle_id":"a","title":"{}","window_id":5,)"
               R"("frame":{{"x":{},"y":20,"w":300,"h":200}},"focused":true,"minimized":false}}]}})",
-              windowX)};
+              title, windowX)};
     if (path == "/window/move") {
       if (obeys) windowX = static_cast<int>(*body.find("x")->asDouble());
       return {200, R"({"ok":true})"};
@@ -46,21 +46,24 @@ class Desktop {
     if (path == "/ax/snapshot") {
       if (has("element_path") && text("element_path").ends_with("gone"))
         return {200, R"({"ok":false,"error":{"code":"ax_element_gone","message":"it is gone"}})"};
+      const std::string window = "AXApplication[a]/AXWindow[title=" + title + "]";
       const std::string field = fmt::format(
           R"({{"role":"AXTextField","value":{},"focused":true,"frame":{{"x":10,"y":20,"w":100,"h":30}},)"
-          R"("path":"AXApplication[a]/AXWindow[0]/AXTextField[0]","children":[]}})",
-          *json::serialize(value));
+          R"("path":"{}/AXTextField[0]","children":[]}})",
+          *json::serialize(value), window);
       if (has("element_path") && text("element_path").ends_with("AXTextField[0]"))
         return {200, "{\"tree\":" + field + "}"};
-      return {
-          200,
-          R"({"tree":{"role":"AXWindow","title":"W","path":"AXApplication[a]/AXWindow[0]","children":[)" +
-              field + "]}}"};
+      return {200,
+              fmt::format(
+                  R"({{"tree":{{"role":"AXWindow","title":"{}","path":"{}","children":[{}]}}{}}})",
+                  title, window, incomplete ? "" : field,
+                  incomplete ? R"(,"incomplete":"deadline")" : "")};
     }
     if (path == "/ax/set-value" || path == "/input/type") {
       if (obeys) value = path == "/input/type" ? value + text("text") : text("value");
       return {200, R"({"ok":true})"};
     }
+    if (path == "/input/move") return {200, R"({"ok":true})"};
     if (path == "/input/click") {
       clicked = *json::serialize(body);
       return {200, R"({"ok":true})"};
@@ -83,7 +86,9 @@ class Desktop {
   std::vector<std::string> asked;
   std::string clicked;
   std::string value = "old";
+  std::string title = "W";
   bool obeys = true;
+  bool incomplete = false;
   int windowX = 10;
 };
 
@@ -362,13 +367,21 @@ TEST_F(McpServerTest, SaysWhatWasConfirmed) {
   EXPECT_EQ(outcome(call("control_window", R"({"window_id":5,"action":"move","x":0,"y":20})")),
             "unchanged");
   EXPECT_EQ(outcome(call("click", R"({"x":1,"y":2})")), "unchanged");
+  desktop.incomplete = true;
+  EXPECT_EQ(outcome(call("click", R"({"x":1,"y":2})")), "not_verifiable");
+  EXPECT_TRUE(text(call("desktop_snapshot")).contains("Incomplete: "));
+  desktop.incomplete = false;
   desktop.value = "secret";
   onRequest([this](const std::string& path, const Value&) {
     if (path == "/input/click") desktop.value = "after";
+    if (path == "/input/move") desktop.title = "other";
   });
   const Value clicked = call("click", R"({"element":"e2"})");
   EXPECT_EQ(text(clicked), "confirmed: textfield now has the value \"after\"");
   EXPECT_EQ(desktop.clicked, R"({"x":60,"y":35,"count":1})");
+  // A window's title stands in the path of all its elements, which are the same all the same.
+  EXPECT_EQ(text(call("move_pointer", R"({"x":1,"y":2})")),
+            "confirmed: window title is now \"other\"");
 }
 
 TEST_F(McpServerTest, SaysWhatToDoNext) {

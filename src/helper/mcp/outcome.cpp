@@ -121,7 +121,8 @@ void compareElements(const Scene& before, const Scene& after, bool frames,
     if (old->second.value != element.value)
       said.push_back(fmt::format("{} now has the value {}", element.name,
                                  newPart(old->second.value, element.value)));
-    if (old->second.title != element.title)
+    // A window's own title was told with the windows.
+    if (old->second.title != element.title && !(path.empty() && before.windows))
       said.push_back(fmt::format("{} was titled {}", element.name, quoted(old->second.title, 60)));
     if (old->second.state != element.state)
       minor.push_back(fmt::format("{} is {}", element.name, element.state));

@@ -60,9 +60,9 @@ ToolResult describeFound(const ToolCall& call, const json::Array& elements, std:
   return {.text = std::move(text), .structured = json::Object{{"elements", std::move(found)}}};
 }
 
-std::expected<json::Array, ToolResult> find(const ToolCall& call, std::int64_t limit) {
+std::expected<json::Array, LinkError> find(const ToolCall& call, std::int64_t limit) {
   auto answer = call.post("/ax/find", findRequest(call, limit));
-  if (!answer) return std::unexpected(failed(answer.error()));
+  if (!answer) return std::unexpected(std::move(answer.error()));
   const Value* elements = answer->find("elements");
   return elements && elements->asArray() ? *elements->asArray() : json::Array();
 }
@@ -98,9 +98,8 @@ ToolResult desktopSnapshot(const ToolCall& call) {
 
 ToolResult findElements(const ToolCall& call) {
   const std::int64_t limit = call.integer("limit", defaultFound);
-  auto elements = find(call, limit);
-  if (!elements) return std::move(elements.error());
-  return describeFound(call, *elements, limit);
+  const auto elements = find(call, limit);
+  return elements ? describeFound(call, *elements, limit) : failed(elements.error());
 }
 
 ToolResult waitForElement(const ToolCall& call) {
@@ -110,7 +109,10 @@ ToolResult waitForElement(const ToolCall& call) {
   const auto start = std::chrono::steady_clock::now();
   for (int turn = 1;; ++turn) {
     auto elements = find(call, limit);
-    if (!elements) return std::move(elements.error());
+    // An application that is still starting, or has ended, has no elements.
+    if (!elements && elements.error().message.starts_with("application not found"))
+      elements = json::Array();
+    if (!elements) return failed(elements.error());
     if (elements->empty() == gone) return describeFound(call, *elements, limit);
     const auto passed = std::chrono::steady_clock::now() - start;
     if (passed >= bound) {

@@ -131,12 +131,9 @@ void Server::handleCall(const RpcMessage& request, Revision revision,
       if (running_.contains(key)) write(line);
     };
   }
-  {
-    const std::lock_guard lock(mutex_);
-    if (running_.size() >= limits_.calls) {
-      auto busy = ToolResult::failure("Too many calls wait already; wait for their answers.");
-      return respond(protocol_.callAnswer(id, std::move(busy), revision), batch);
-    }
+  if (full()) {
+    auto busy = ToolResult::failure("Too many calls wait already; wait for their answers.");
+    return respond(protocol_.callAnswer(id, std::move(busy), revision), batch);
   }
   auto context = begin(id, std::move(report), batch);
   if (!context)
@@ -152,10 +149,10 @@ void Server::handleCall(const RpcMessage& request, Revision revision,
 }
 
 void Server::handleListen(const RpcMessage& request) {
-  bool taken = false;
-  {
+  bool taken = full();
+  if (!taken) {
     const std::lock_guard lock(mutex_);
-    taken = running_.size() >= limits_.calls || !running_.try_emplace(keyOf(*request.id)).second;
+    taken = !running_.try_emplace(keyOf(*request.id)).second;
   }
   if (taken)
     return write(errorMessage(*request.id, invalidRequest("too many, or the same id twice")));
@@ -199,6 +196,11 @@ void Server::finish() {
     left.swap(running_);
   }
   for (const auto& [id, running] : left) running.context->cancel();
+}
+
+bool Server::full() {
+  const std::lock_guard lock(mutex_);
+  return running_.size() >= limits_.calls;
 }
 
 std::shared_ptr<CallContext> Server::begin(const Value& id, CallContext::Report report,

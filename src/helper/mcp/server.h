@@ -66,6 +66,7 @@ class Server {
   void cancel(const json::Value& params);
   void finish();
 
+  bool full();
   /// Nothing when a request of that id runs already.
   std::shared_ptr<CallContext> begin(const json::Value& id, CallContext::Report report,
                                      const std::shared_ptr<Batch>& batch);
