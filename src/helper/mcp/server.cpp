@@ -141,7 +141,7 @@ void Server::handleCall(const RpcMessage& request, Revision revision,
   auto& call = std::get<PreparedCall>(*prepared);
   Lane& lane = call.tool->acts ? acting_ : looking_;
   lane.post([this, id, revision, call = std::move(call), context = std::move(context)] {
-    if (context->cancelled()) return;
+    if (context->cancelled() || leaving_) return;
     ToolResult result = call.tool->run({call.arguments, link_, refs_, *context});
     if (context->cancelled()) return;
     complete(id, *context, protocol_.callAnswer(id, std::move(result), revision));
@@ -195,6 +195,8 @@ void Server::finish() {
     }
     left.swap(running_);
   }
+  // Before the first is cancelled: its lane would go on with the next.
+  leaving_ = true;
   for (const auto& [id, running] : left) running.context->cancel();
 }
 

@@ -89,7 +89,8 @@ class Server {
   std::condition_variable settled_;
   std::map<std::string, Running> running_;  ///< by the id as JSON
   Mutex output_;
-  std::atomic<bool> broken_{false};  ///< the output takes no more
+  std::atomic<bool> broken_{false};   ///< the output takes no more
+  std::atomic<bool> leaving_{false};  ///< nothing further is begun
 
   // They end first, while everything that they use is still there.
   Lane acting_{1};
