@@ -37,9 +37,9 @@ constexpr Advice advices[] = {
      "Take a new desktop_snapshot and look whether the element is enabled; click and "
      "type_text may work where the action does not."},
     {"clipboard text is unavailable", "The clipboard holds no text now."},
-    {"region capture requires",
-     "The region lies relative to the display's top left corner and "
-     "must be within the size that list_displays gives."},
+    {"invalid capture request",
+     "A region lies relative to its display's top left corner and must be within the size that "
+     "list_displays gives."},
     {"could not activate",
      "The window manager did not bring it to the front; try control_window "
      "with action focus."},

@@ -17,6 +17,9 @@ using json::Value;
 
 constexpr std::size_t maxBatch = 64;
 
+/// What poll says of an output that nobody reads any more: a pipe's error, a socket's hang-up.
+constexpr short noReader = POLLERR | POLLHUP | POLLNVAL;
+
 RpcError invalidRequest(std::string message) {
   return {RpcErrorCode::invalidRequest, std::move(message)};
 }
@@ -42,7 +45,7 @@ bool Server::run() {
   for (;;) {
     std::array<pollfd, 2> ready{pollfd{in_, POLLIN, 0}, pollfd{out_, 0, 0}};
     if (::poll(ready.data(), ready.size(), -1) < 0 && errno != EINTR) break;
-    if (ready[1].revents & (POLLERR | POLLNVAL)) {
+    if (ready[1].revents & noReader) {
       broken_ = true;
       break;
     }
@@ -126,9 +129,11 @@ void Server::handleCall(const RpcMessage& request, Revision revision,
       Object params{{"progressToken", token}, {"progress", done}};
       if (total) params.emplace_back("total", *total);
       params.emplace_back("message", message);
-      const std::string line = notificationMessage("notifications/progress", std::move(params));
-      const std::lock_guard lock(mutex_);
-      if (running_.contains(key)) write(line);
+      {
+        const std::lock_guard lock(mutex_);
+        if (!running_.contains(key)) return;
+      }
+      write(notificationMessage("notifications/progress", std::move(params)));
     };
   }
   if (full()) {
@@ -191,7 +196,7 @@ void Server::finish() {
     while (!running_.empty() && !broken_ && std::chrono::steady_clock::now() < end) {
       settled_.wait_for(lock, std::chrono::milliseconds(50));
       pollfd reader{out_, 0, 0};
-      if (::poll(&reader, 1, 0) > 0 && (reader.revents & (POLLERR | POLLNVAL))) broken_ = true;
+      if (::poll(&reader, 1, 0) > 0 && (reader.revents & noReader)) broken_ = true;
     }
     left.swap(running_);
   }

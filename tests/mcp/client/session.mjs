@@ -102,8 +102,8 @@ async function anEditorIsOperated() {
   assert(snapshot.length * 5 < tree.length, `${snapshot.length} beside ${tree.length}`);
   JSON.parse(tree);
 
-  await ok('type_text', {text: 'Grüße, 世界 👋 '});
-  await ok('type_text', {text: 'by way of the clipboard', method: 'paste'});
+  await confirmed('type_text', {text: 'Grüße, 世界 👋 '});
+  await confirmed('type_text', {text: 'by way of the clipboard', method: 'paste'});
   await ok('press_key', {keys: 'ctrl+s'});
   await until('the letter is saved',
               () => readFileSync(letter, 'utf8').includes('Grüße, 世界 👋 by way of the clipboard'));
