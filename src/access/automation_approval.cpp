@@ -37,9 +37,4 @@ void AutomationApproval::cancel() {
   state_->changed.notify_all();
 }
 
-int AutomationApproval::waiting() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->waiting;
-}
-
 }  // namespace vesko

@@ -37,9 +37,6 @@ class AutomationApproval {
   /// Any thread; final. Nobody waits any more.
   void cancel();
 
-  /// Any thread. How many wait.
-  int waiting() const;
-
  private:
   struct State {
     std::mutex mutex;  // guards everything below

@@ -106,44 +106,28 @@ TEST_F(PermissionMonitorTest, relaunchesTheDaemonForEachChangeOfItsGrants) {
   EXPECT_EQ(daemonLaunches, 0);
   EXPECT_EQ(logged(), Lines());
 
-  struct Step {
-    FolderGrant messages;
-    FolderGrant notes;
-    bool contacts;
-    Lines lines;
-  };
-  const Step steps[] = {
-      {{true, false}, {}, true, {"messages grant=true canReadChatDB=false — relaunching daemon"}},
-      {{true, false},
-       {true, false},
-       true,
-       {"notes grant=true canReadNoteStore=false — relaunching daemon"}},
-      {{true, false},
-       {true, true},
-       true,
-       {"notes grant=true canReadNoteStore=true — relaunching daemon"}},
-      {{true, false}, {}, true, {"notes grant revoked — relaunching daemon"}},
-      {{true, false}, {}, false, {"contacts grant=false — relaunching daemon"}},
-      {{false, false},
-       {true, true},
-       true,
-       {"messages grant=false canReadChatDB=false — relaunching daemon",
-        "notes grant=true canReadNoteStore=true — relaunching daemon",
-        "contacts grant=true — relaunching daemon"}},
-  };
   int launches = 0;
-  for (const Step& step : steps) {
-    SCOPED_TRACE(step.lines.front());
-    grants.messagesGrant = step.messages;
-    grants.notesGrant = step.notes;
+  const auto step = [&](FolderGrant messages, FolderGrant notes, bool contacts,
+                        const Lines& lines) {
+    SCOPED_TRACE(lines.front());
+    grants.messagesGrant = messages;
+    grants.notesGrant = notes;
     ++grants.changes;
     probes.change([&](GrantedPermissions& granted) {
-      granted.contacts = step.contacts ? ContactsPermission::granted : ContactsPermission::denied;
+      granted.contacts = contacts ? ContactsPermission::granted : ContactsPermission::denied;
     });
     tick();
-    EXPECT_EQ(logged(), step.lines);
+    EXPECT_EQ(logged(), lines);
     EXPECT_EQ(daemonLaunches, ++launches) << "once, however much changed";
-  }
+  };
+  step({true, false}, {}, true, {"messages grant=true canReadChatDB=false — relaunching daemon"});
+  step({true, false}, {true, false}, true,
+       {"notes grant=true canReadNoteStore=false — relaunching daemon"});
+  step({true, false}, {}, true, {"notes grant revoked — relaunching daemon"});
+  step({}, {true, true}, false,
+       {"messages grant=false canReadChatDB=false — relaunching daemon",
+        "notes grant=true canReadNoteStore=true — relaunching daemon",
+        "contacts grant=false — relaunching daemon"});
 }
 
 TEST_F(PermissionMonitorTest, relaunchesTheDaemonTwoSecondsAfterThePhotosLibrary) {

@@ -23,115 +23,56 @@ class PermissionsTest : public AccessFixture {
 
 TEST_F(PermissionsTest, logsAndPublishesEachAnswerAndOpensTheSettingsWhereAnEarlierOneStands) {
   using Pages = std::vector<std::string_view>;
-  struct Case {
-    const char* name;
-    std::function<void()> ask;
-    std::function<void()> answer;
-    Lines lines;
-    Pages pages;
+  const auto expectAnswer = [&](auto ask, auto outcome, const Lines& lines, const Pages& pages) {
+    SCOPED_TRACE(lines.front());
+    requests.pages.clear();
+    ask();
+    requests.answer(std::move(outcome));
+    EXPECT_EQ(logged(), lines);
+    EXPECT_EQ(Pages(requests.pages.begin(), requests.pages.end()), pages);
   };
-  const auto automation = [](Kind kind, bool asked, std::int32_t code = 0) {
-    return PermissionAnswer<AutomationStatus>{{kind, code}, asked};
+  const auto answer = [](auto status, bool asked) {
+    return PermissionOutcome<decltype(status)>(PermissionAnswer{status, asked});
+  };
+  const auto automation = [&](Kind kind, bool asked, std::int32_t code = 0) {
+    return answer(AutomationStatus{kind, code}, asked);
   };
   const auto accessibility = [this] { permissions.requestAccessibility(); };
   const auto screen = [this] { permissions.requestScreenRecording(); };
   const auto photos = [this] { permissions.requestPhotos(); };
   const auto messages = [this] { permissions.requestAutomation(AutomationTarget::messages); };
   const auto notes = [this] { permissions.requestAutomation(AutomationTarget::notes); };
-  const Case cases[] = {
-      {"granted",
-       accessibility,
-       [&] { requests.answer<bool>(PermissionAnswer{true, true}); },
-       {"accessibility request granted=true"},
-       {}},
-      {"refused now",
-       accessibility,
-       [&] { requests.answer<bool>(PermissionAnswer{false, true}); },
-       {"accessibility request granted=false"},
-       {}},
-      {"refused before",
-       accessibility,
-       [&] { requests.answer<bool>(PermissionAnswer{false, false}); },
-       {"accessibility request granted=false"},
-       Pages{settingsPages::accessibility}},
-      {"no display",
-       accessibility,
-       [&] { requests.answer<bool>(std::unexpected("there is no display")); },
-       {"ERROR accessibility request could not be shown: there is no display",
-        "accessibility request granted=false"},
-       {}},
-      {"screen granted",
-       screen,
-       [&] { requests.answer<bool>(PermissionAnswer{true, true}); },
-       {"screen recording request granted=true"},
-       {}},
-      {"screen refused",
-       screen,
-       [&] { requests.answer<bool>(PermissionAnswer{false, true}); },
-       {"screen recording request granted=false"},
-       Pages{settingsPages::screenCapture}},
-      {"photos full",
-       photos,
-       [&] { requests.answer<Photos>(PermissionAnswer{Photos::full, true}); },
-       {"photos read permission=full"},
-       {}},
-      {"photos denied",
-       photos,
-       [&] { requests.answer<Photos>(PermissionAnswer{Photos::denied, false}); },
-       {"photos read permission denied; opening System Settings"},
-       Pages{settingsPages::photos}},
-      {"contacts",
-       [this] { permissions.requestContacts(); },
-       [&] { requests.answer<Contacts>(PermissionAnswer{Contacts::granted, true}); },
-       {"contacts request granted=true"},
-       {}},
-      {"messages granted",
-       messages,
-       [&] { requests.answer<AutomationStatus>(automation(Kind::granted, true)); },
-       {"automation request status=granted"},
-       {}},
-      {"messages denied before",
-       messages,
-       [&] { requests.answer<AutomationStatus>(automation(Kind::denied, false)); },
-       {"automation request status=denied"},
-       Pages{settingsPages::automation}},
-      {"notes",
-       notes,
-       [&] { requests.answer<AutomationStatus>(automation(Kind::unavailable, true, -1712)); },
-       {"notes automation request status=unavailable(-1712)"},
-       {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    requests.pages.clear();
-    c.ask();
-    EXPECT_EQ(requests.open.size(), 1U);
-    c.answer();
-    EXPECT_EQ(logged(), c.lines);
-    EXPECT_EQ(Pages(requests.pages.begin(), requests.pages.end()), c.pages);
-  }
+
+  expectAnswer(accessibility, answer(true, true), {"accessibility request granted=true"}, {});
+  expectAnswer(accessibility, answer(false, true), {"accessibility request granted=false"}, {});
+  expectAnswer(accessibility, answer(false, false), {"accessibility request granted=false"},
+               {settingsPages::accessibility});
+  expectAnswer(accessibility, PermissionOutcome<bool>(std::unexpected("there is no display")),
+               {"ERROR accessibility request could not be shown: there is no display",
+                "accessibility request granted=false"},
+               {});
+  expectAnswer(screen, answer(true, true), {"screen recording request granted=true"}, {});
+  expectAnswer(screen, answer(false, true), {"screen recording request granted=false"},
+               {settingsPages::screenCapture});
+  expectAnswer(photos, answer(Photos::full, true), {"photos read permission=full"}, {});
+  expectAnswer(photos, answer(Photos::denied, false),
+               {"photos read permission denied; opening System Settings"}, {settingsPages::photos});
+  expectAnswer([this] { permissions.requestContacts(); }, answer(Contacts::granted, true),
+               {"contacts request granted=true"}, {});
+  expectAnswer(messages, automation(Kind::granted, true), {"automation request status=granted"},
+               {});
+  expectAnswer(messages, automation(Kind::denied, false), {"automation request status=denied"},
+               {settingsPages::automation});
+  expectAnswer(notes, automation(Kind::unavailable, true, -1712),
+               {"notes automation request status=unavailable(-1712)"}, {});
   EXPECT_EQ(*state.photosPermission, Photos::denied);
   EXPECT_EQ(state.automationStatus->kind, Kind::denied);
   EXPECT_EQ(state.notesAutomationStatus->code, -1712);
   requests.settingsFailure = "no window";
-  permissions.requestScreenRecording();
-  requests.answer<bool>(PermissionAnswer{false, true});
-  EXPECT_EQ(logged().back(), "ERROR System Settings could not be opened: no window");
-}
-
-TEST_F(PermissionsTest, anAnswerReplacesTheReadingsUnderWay) {
-  monitor.start();
-  queue.run();  // not granted yet, and on its way
-  permissions.requestAccessibility();
-  probes.change([](GrantedPermissions& granted) { granted.accessibility = true; });
-  const auto revision = state.permissionRefreshRevision;
-  requests.answer<bool>(PermissionAnswer{true, true});
-  EXPECT_GT(state.permissionRefreshRevision, revision);
-  EXPECT_TRUE(*state.accessibilityGranted);
-  loop.runPosted();
-  EXPECT_TRUE(*state.accessibilityGranted);
-  settle();
-  EXPECT_TRUE(*state.accessibilityGranted);
+  expectAnswer(screen, answer(false, true),
+               {"screen recording request granted=false",
+                "ERROR System Settings could not be opened: no window"},
+               {settingsPages::screenCapture});
 }
 
 TEST_F(PermissionsTest, oneQuestionIsOpenAtATimeAndASecondRequestJoinsIt) {
@@ -159,7 +100,7 @@ TEST_F(PermissionsTest, oneQuestionIsOpenAtATimeAndASecondRequestJoinsIt) {
   EXPECT_EQ(told, "first=granted;second=granted;");
 }
 
-/// Two workers wait while the main thread, this one, does the rest.
+/// A worker waits while the main thread, this one, does the rest.
 class AutomationApprovalTest : public PermissionsTest {
  protected:
   using Outcome = AutomationApproval::Outcome;
@@ -172,31 +113,6 @@ class AutomationApprovalTest : public PermissionsTest {
     }
   }
 };
-
-TEST_F(AutomationApprovalTest, workersWaitForTheSameAnswer) {
-  AutomationApproval approval(loop, permissions, std::chrono::minutes(10));
-  std::vector<Outcome> outcomes(AutomationApproval::maxWaiting);
-  std::vector<std::thread> workers;
-  for (Outcome& outcome : outcomes) workers.emplace_back([&] { outcome = approval.request(); });
-  runUntil([&] { return approval.waiting() == AutomationApproval::maxWaiting; });
-  // The workers are taken: nobody else may wait.
-  EXPECT_EQ(approval.request().status.kind, Kind::notDetermined);
-  runUntil([&] { return requests.open.size() == 1; });
-  loop.runPosted();
-  EXPECT_EQ(openQuestions(), Lines{"messages"});
-  requests.answer<AutomationStatus>(PermissionAnswer<AutomationStatus>{{Kind::granted}, true});
-  for (std::thread& worker : workers) worker.join();
-  for (const Outcome& outcome : outcomes) {
-    EXPECT_EQ(outcome.status.kind, Kind::granted);
-    EXPECT_FALSE(outcome.alreadyGranted);
-  }
-  // Granted before: nobody is asked.
-  std::thread worker([&] { outcomes[0] = approval.request(); });
-  runUntil([&] { return requests.open.size() == 1; });
-  requests.answer<AutomationStatus>(PermissionAnswer<AutomationStatus>{{Kind::granted}, false});
-  worker.join();
-  EXPECT_TRUE(outcomes[0].alreadyGranted);
-}
 
 TEST_F(AutomationApprovalTest, nobodyWaitsForEver) {
   AutomationApproval impatient(loop, permissions, std::chrono::milliseconds(1));

@@ -48,7 +48,7 @@ TEST(PermissionRoutes, whatOperatesTheDesktopWaitsForPrivacyWindows) {
                       [](const HTTPRequest&) { return HTTPResponse{}; }});
   routes = leavePrivacyToTheUser(std::move(routes), probes);
   for (const bool shown : {true, false}) {
-    probes.showPrivacyWindow(shown);
+    probes.change([&](auto& now) { now.privacyWindow = shown; });
     for (std::size_t i = 0; i < routes.size(); ++i)
       EXPECT_EQ(routes[i].handler({}).status, shown && i < 3 ? 400 : 200) << routes[i].path;
   }

@@ -23,6 +23,7 @@ struct GrantedPermissions {
   ContactsPermission contacts = ContactsPermission::notDetermined;
   AutomationStatus messages{AutomationStatus::Kind::notDetermined};
   AutomationStatus notes{AutomationStatus::Kind::notDetermined};
+  bool privacyWindow = false;
 };
 
 /// Any thread.
@@ -39,10 +40,7 @@ class FakePermissionProbes : public PermissionProbes {
     const MutexLock lock(mutex_);
     return tells_ ? std::optional(changes_) : std::nullopt;
   }
-  bool privacyWindowShown() override {
-    const MutexLock lock(mutex_);
-    return windowShown_;
-  }
+  bool privacyWindowShown() override { return now().privacyWindow; }
 
   void change(const std::function<void(GrantedPermissions&)>& how) {
     const MutexLock lock(mutex_);
@@ -53,10 +51,6 @@ class FakePermissionProbes : public PermissionProbes {
   void tellChanges(bool tells) {
     const MutexLock lock(mutex_);
     tells_ = tells;
-  }
-  void showPrivacyWindow(bool shown) {
-    const MutexLock lock(mutex_);
-    windowShown_ = shown;
   }
   /// How often a permission was read.
   int reads() {
@@ -76,7 +70,6 @@ class FakePermissionProbes : public PermissionProbes {
   std::uint64_t changes_ VESKO_GUARDED_BY(mutex_) = 0;
   int reads_ VESKO_GUARDED_BY(mutex_) = 0;
   bool tells_ VESKO_GUARDED_BY(mutex_) = true;
-  bool windowShown_ VESKO_GUARDED_BY(mutex_) = false;
 };
 
 /// Keeps each question until the test answers it. Main thread.

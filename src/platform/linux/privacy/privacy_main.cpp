@@ -121,11 +121,13 @@ ExitCode ask(const Invocation& invocation, const Application& application) {
   // The question goes with whoever asked it.
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   ConsentStore store(invocation.consents);
+  if (const auto answer = standingAnswer(store, *invocation.consent)) return *answer;
   const auto turn = takeTurn(invocation.consents);
   if (!turn) {
     widgets::complain(fmt::format("cannot lock the consents: {}", std::strerror(errno)));
     return privacyProgram::notAsked;
   }
+  // It may have been the question of the one before.
   if (const auto answer = standingAnswer(store, *invocation.consent)) return *answer;
   if (!openDisplay()) return privacyProgram::notAsked;
   const auto mark = PrivacyWindowMark(invocation.consents).show();

@@ -21,8 +21,7 @@ GtkWidget* paragraph(std::string_view text, const char* cssClass = nullptr);
 /// A button with an underlined letter, and without the underscore in its accessible name.
 GtkWidget* button(const char* mnemonic);
 
-/// Asks the window manager to keep a mapped window above others and to treat it as a dialog. Only
-/// X11 has a way to ask.
+/// Asks the window manager to keep a mapped window above others. Only X11 has a way to ask.
 void keepAbove(GtkWindow* window);
 
 /// Connects a handler of a signal with these arguments; it gets `self` and them. `self` outlives
