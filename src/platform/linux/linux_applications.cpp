@@ -2,12 +2,12 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
-#include <set>
+#include <utility>
 
 #include "base/main_thread.h"
 #include "platform/linux/glib_main_loop.h"

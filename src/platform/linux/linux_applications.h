@@ -3,7 +3,6 @@
 #pragma once
 
 #include <chrono>
-#include <map>
 #include <vector>
 
 #include "base/main_loop.h"
@@ -37,8 +36,6 @@ class LinuxApplications : public Applications {
   bool quit(const RunningApplication& application) override;
 
  private:
-  using Clock = X11Session::Clock;
-
   std::expected<pid_t, std::string> launchOverBus(const InstalledEntry& entry, bool& unknown);
   std::expected<pid_t, std::string> launchCommand(const InstalledEntry& entry);
   std::expected<pid_t, std::string> awaitStart(const InstalledEntry& entry,

@@ -22,6 +22,13 @@ XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection,
   }
 }
 
+xcb_connection_t* openDisplay(int& screenNumber) {
+  // The library that finds the access cookie keeps its path in a variable of its own.
+  static Mutex connecting;
+  const MutexLock lock(connecting);
+  return xcb_connect(nullptr, &screenNumber);
+}
+
 X11Connection::~X11Connection() {
   close();
 }
@@ -37,13 +44,7 @@ xcb_connection_t* X11Connection::get() {
   if (connection_ && xcb_connection_has_error(connection_) == 0) return connection_;
   close();
   int screenNumber = 0;
-  xcb_connection_t* opened = nullptr;
-  {
-    // The library that finds the access cookie keeps its path in a variable of its own.
-    static Mutex connecting;
-    const MutexLock lock(connecting);
-    opened = xcb_connect(nullptr, &screenNumber);
-  }
+  xcb_connection_t* opened = openDisplay(screenNumber);
   if (xcb_connection_has_error(opened) != 0) {
     xcb_disconnect(opened);
     return nullptr;

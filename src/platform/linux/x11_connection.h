@@ -24,6 +24,10 @@ using XcbPtr = std::unique_ptr<T, FreeDeleter>;
 XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection,
                                       std::chrono::steady_clock::time_point deadline);
 
+/// A new connection to $DISPLAY, the caller's, or one that has an error. Any thread; waits for the
+/// server without a bound.
+xcb_connection_t* openDisplay(int& screenNumber);
+
 /// Not synchronised: each service has a connection of its own and guards it with its own lock.
 class X11Connection {
  public:

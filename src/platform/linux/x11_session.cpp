@@ -7,7 +7,11 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
+#include <memory>
 #include <mutex>
+#include <string_view>
+#include <system_error>
 #include <thread>
 
 namespace vesko {
@@ -32,7 +36,6 @@ constexpr std::array<std::string_view, static_cast<std::size_t>(XAtom::count)> a
     "_NET_WM_ALLOWED_ACTIONS",
     "_NET_WM_NAME",
     "_NET_WM_PID",
-    "_NET_WM_PING",
     "_NET_WM_STATE",
     "_NET_WM_STATE_FULLSCREEN",
     "_NET_WM_STATE_HIDDEN",
@@ -74,7 +77,7 @@ std::atomic<int> attempts = 0;
 
 void connectFor(const std::shared_ptr<Attempt>& attempt) {
   int screenNumber = 0;
-  xcb_connection_t* connection = xcb_connect(nullptr, &screenNumber);
+  xcb_connection_t* connection = openDisplay(screenNumber);
   // Asked here because the library waits for this answer without a bound too.
   if (xcb_connection_has_error(connection) == 0) xcb_get_extension_data(connection, &xcb_res_id);
   --attempts;

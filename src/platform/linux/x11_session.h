@@ -10,8 +10,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <optional>
-#include <string_view>
+#include <utility>
 
 #include "base/mutex.h"
 #include "platform/linux/x11_connection.h"
@@ -35,7 +34,6 @@ enum class XAtom : std::size_t {
   netWmAllowedActions,
   netWmName,
   netWmPid,
-  netWmPing,
   netWmState,
   netWmStateFullScreen,
   netWmStateHidden,

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "platform/accessibility.h"
 #include "platform/linux/x11_windows.h"

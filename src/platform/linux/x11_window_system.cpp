@@ -1,7 +1,9 @@
 #include "platform/linux/x11_window_system.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 #include "platform/linux/x11_window_action.h"

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 
 #include "platform/applications.h"
 #include "platform/linux/x11_session.h"

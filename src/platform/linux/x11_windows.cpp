@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string_view>
 #include <unordered_map>
 
@@ -171,7 +170,6 @@ std::optional<X11Window> answers(X11Session& x11, xcb_window_t id, const Questio
   if (gap != std::string::npos) window.className = classes.c_str() + gap + 1;
   for (const std::uint32_t protocol : cardinalsOf(protocols)) {
     window.canDelete = window.canDelete || protocol == x11.atom(XAtom::wmDeleteWindow);
-    window.pings = window.pings || protocol == x11.atom(XAtom::netWmPing);
   }
   window.gtkApplicationId = textOf(gtkId);
   if (const auto value = cardinalsOf(pid); !value.empty())

@@ -34,7 +34,6 @@ struct X11Window {
   bool maximizedVertically = false;
   bool modal = false;
   bool canDelete = false;  ///< takes part in WM_DELETE_WINDOW
-  bool pings = false;      ///< takes part in _NET_WM_PING
   bool viewable = false;
 };
 
