@@ -17,8 +17,6 @@ using Clock = std::chrono::steady_clock;
 
 /// Beyond the call's own time: the connection to the control server and the way back.
 constexpr std::chrono::seconds margin{8};
-/// A tree of elements nests deeply.
-constexpr std::size_t maxAnswerDepth = 8192;
 
 std::unexpected<LocalClientError> lost(std::string message) {
   return std::unexpected(LocalClientError{std::nullopt, std::move(message)});

@@ -33,6 +33,9 @@ namespace vesko {
 
 /// A longer request is answered with invalid_request and dropped.
 inline constexpr std::size_t maxLocalRequestBytes = 8 << 20;
+/// How deeply the companion's answers may nest: two levels for each of the elements that a snapshot
+/// may hold one in the other, and a few more.
+inline constexpr std::size_t maxAnswerDepth = 8192;
 /// A further client is told busy and closed.
 inline constexpr std::size_t maxLocalClients = 128;
 inline constexpr std::chrono::seconds defaultCallTime{60};

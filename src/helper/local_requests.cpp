@@ -38,7 +38,7 @@ json::Value usableId(const json::Value& message) {
 }
 
 std::string answerLine(const json::Value& id, HttpResponse response) {
-  if (!json::parse(response.body))
+  if (!json::parse(response.body, maxAnswerDepth))
     return LocalRequests::errorLine(id, LocalErrorCode::badAnswer,
                                     "the control server's answer is not JSON");
   // A picture's megabytes go on as they came. A line end can only be white space between tokens,

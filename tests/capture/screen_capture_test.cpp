@@ -64,7 +64,7 @@ TEST_F(ScreenCaptureTest, ListsDisplays) {
     double scale;
   };
   for (const Case& each :
-       {Case{{0, 0, 1280, 800}, 2560, 1600, 1280, 800, 2.0},
+       {Case{{-30, 40, 1280, 800}, 2560, 1600, 1280, 800, 2.0},
         Case{{0, 0, 0, 800}, 2560, 800, 1, 800, 1.0}, Case{{0, 0, 0, 0}, 640, 480, 1, 1, 480.0},
         Case{{0, 0, 99.5, 100.4}, 199, 200, 100, 100, 200 / 100.4}}) {
     SCOPED_TRACE(each.bounds.w);
@@ -80,6 +80,8 @@ TEST_F(ScreenCaptureTest, ListsDisplays) {
     EXPECT_EQ(list->displays[0].height, each.height);
     EXPECT_DOUBLE_EQ(list->displays[0].scale, each.scale);
     EXPECT_FALSE(list->displays[0].primary);
+    EXPECT_EQ(list->displays[0].x, each.bounds.x);
+    EXPECT_EQ(list->displays[0].y, each.bounds.y);
   }
   source_.screenDisplays.clear();
   EXPECT_EQ(json::encode(*service_.listDisplays()), R"({"displays":[]})");

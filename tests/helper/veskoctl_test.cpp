@@ -53,6 +53,9 @@ void answerByPath(TlsServer::Connection& connection) {
     return connection.write(httpAnswer(
         200, R"({"ok":false,"error":{"code":"ax_element_gone","message":"element is gone"}})"));
   if (is("POST /bad ")) return connection.write(httpAnswer(400, R"({"message":"bad button"})"));
+  // As deep as a snapshot's elements can lie one in the other.
+  if (is("POST /deep "))
+    return connection.write(httpAnswer(200, std::string(4100, '[') + std::string(4100, ']')));
   if (is("POST /silent ")) return connection.waitForPeer();
   if (is("POST /cut ")) return connection.write("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{");
   connection.write(httpAnswer(404, R"({"message":"not found"})"));
@@ -106,6 +109,7 @@ TEST_F(VeskoctlServedTest, ExitCodesAndMessages) {
        "bad button"},
       {{"call", "GET", "/nowhere"}, 1, "", "not found"},
       {{"call", "POST", "/gone"}, 1, "", "element is gone"},
+      {{"call", "POST", "/deep"}, 0, "[[[[", ""},
       {{"call", "POST", "/cut"}, 1, "", "before its answer was complete"},
       {{"call", "POST", "/silent", "--timeout", "0.05"}, 1, "", "did not answer in time"},
       {{"call", "POST", "/denied"},
