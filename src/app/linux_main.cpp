@@ -104,8 +104,8 @@ struct Result {
 // nothing. The instance lock was let go with the companion; should another instance take it now,
 // that one has the new permission as well.
 int goOnAs(const std::filesystem::path& executable, char** arguments) {
-  // Those that are left were killed; the next image would know nothing of them.
-  while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+  // The next image would not know of those that have ended meanwhile.
+  while (::waitpid(-1, nullptr, WNOHANG) > 0) {
   }
   ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   ::execv(executable.c_str(), arguments);
