@@ -34,10 +34,11 @@ std::vector<Finding> bundle(const DoctorPlace& place) {
     return {finding};
   }
   std::string lacking;
-  for (const char* name :
-       {"MacOS/VeskoCompanion", "Resources/veskokit-daemon", "Resources/vesko-privacy"}) {
+  std::vector<std::string> parts{"MacOS/VeskoCompanion", "Resources/veskokit-daemon"};
+  parts.insert(parts.end(), place.system.bundleParts.begin(), place.system.bundleParts.end());
+  for (const std::string& name : parts) {
     if (::access((place.bundle->path() / "Contents" / name).c_str(), X_OK) != 0)
-      lacking += (lacking.empty() ? "" : ", ") + std::string(name);
+      lacking += (lacking.empty() ? "" : ", ") + name;
   }
   if (!place.bundle->identifier())
     lacking += (lacking.empty() ? "" : ", ") + std::string("a readable Info.plist");

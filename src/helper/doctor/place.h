@@ -30,6 +30,8 @@ struct CompanionProcess {
 
 /// What differs from system to system.
 struct DoctorSystem {
+  /// What the bundle holds besides the programs of every system, below Contents.
+  std::vector<std::string> bundleParts;
   /// The process of this user that holds the file open, an application; nothing when none does.
   std::function<std::optional<CompanionProcess>(const std::filesystem::path& instanceLock)>
       companion;

@@ -245,7 +245,9 @@ std::vector<Check> desktopChecks() {
 }  // namespace
 
 DoctorSystem doctorSystem() {
-  return {.companion = companionHolding, .checks = desktopChecks};
+  return {.bundleParts = {"Resources/vesko-privacy", "PlugIns/VeskoPhotos.so"},
+          .companion = companionHolding,
+          .checks = desktopChecks};
 }
 
 }  // namespace vesko
