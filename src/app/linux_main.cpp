@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <linux/close_range.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +16,7 @@
 #include "platform/linux/consent_store.h"
 #include "platform/linux/glib_main_loop.h"
 #include "platform/linux/host_names.h"
+#include "platform/linux/inherited_children.h"
 #include "platform/linux/linux_applications.h"
 #include "platform/linux/linux_permission_requests.h"
 #include "platform/linux/linux_process_host.h"
@@ -101,12 +101,9 @@ struct Result {
 
 // In the same process, whose terminal, parent and number stay what they were: whoever waits for the
 // companion or ends it by its number, a shell in the foreground or a session manager, notices
-// nothing. The instance lock was let go with the companion; should another instance take it now,
-// that one has the new permission as well.
+// nothing. Applications that were launched for the user go on. The instance lock was let go with
+// the companion; should another instance take it now, that one has the new permission as well.
 int goOnAs(const std::filesystem::path& executable, char** arguments) {
-  // The next image would not know of those that have ended meanwhile.
-  while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-  }
   ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   ::execv(executable.c_str(), arguments);
   return fail(fmt::format("could not be started again: {}", std::strerror(errno)));
@@ -127,6 +124,7 @@ Result run() {
   raiseDescriptorLimit();
 
   GlibMainLoop loop;
+  reapInheritedChildren();
   const auto directories = Directories::under(home, bundle->identifier());
   LinuxProcessHost processes;
   LinuxHostNames hostNames;

@@ -7,9 +7,11 @@
 #include <poll.h>
 
 #include <csignal>
+#include <fstream>
 #include <memory>
 #include <span>
 
+#include "base/text.h"
 #include "companion_process.h"
 #include "platform/linux/consent_store.h"
 
@@ -207,13 +209,29 @@ TEST(CompanionDesktop, isReachedFromTheCommandLine) {
   EXPECT_EQ(veskoctl({"click", "5", "5"}).exit, 0);
 
   // Only a process that was started with the consent may capture: it starts itself anew, once, and
-  // stays the process that its user started.
+  // stays the process that its user started. What it has launched for the user goes on.
+  const auto entries = installation.home() / ".local/share/applications";
+  std::filesystem::create_directories(entries);
+  std::ofstream(entries / "clock.desktop")
+      << "[Desktop Entry]\nType=Application\nName=Clock\nExec=xclock\n";
+  const Result launched =
+      veskoctl({"--json", "call", "POST", "/app/launch", R"({"bundle_id":"clock"})"});
+  EXPECT_EQ(launched.exit, 0) << launched.err;
+  const auto pid = parseDecimal(field(launched.out, {"pid"}));
+  ASSERT_TRUE(pid) << launched.out;
+  const WatchedProcess clock(static_cast<pid_t>(*pid));
   const pid_t daemon = installation.lastDaemon();
   EXPECT_EQ(veskoctl({"consent", "grant", "screen_recording"}).exit, 0);
   ASSERT_TRUE(installation.waitForLog("control server announced on port", 2)) << installation.log();
   EXPECT_TRUE(companion->running());
   EXPECT_NE(installation.lastDaemon(), daemon);
-  EXPECT_EQ(companion->children(), std::vector{installation.lastDaemon()});
+  EXPECT_TRUE(clock.alive());
+  clock.kill(SIGTERM);
+  EXPECT_TRUE(clock.waitForEnd());
+  // Nothing reports that it was reaped.
+  const std::vector<pid_t> daemonAlone{installation.lastDaemon()};
+  for (int i = 0; i < 100 && companion->children() != daemonAlone; ++i) veskoctl({"status"});
+  EXPECT_EQ(companion->children(), daemonAlone);
   const std::string log = installation.log();
   for (const char* line : {"screen recording newly granted; scheduling one-shot app relaunch",
                            "screen recording relaunch helper started"})

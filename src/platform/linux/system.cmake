@@ -6,6 +6,7 @@ vesko_library(vesko_linux_system
     consent_store.cpp
     glib_main_loop.cpp
     host_names.cpp
+    inherited_children.cpp
     linux_child.cpp
     linux_permission_requests.cpp
     linux_process_host.cpp
