@@ -6,6 +6,7 @@ vesko_library(vesko_linux_accessibility
     atspi_bus.cpp
     atspi_context.cpp
     atspi_objects.cpp
+    atspi_pages.cpp
     atspi_places.cpp
     atspi_reader.cpp
     atspi_roles.cpp

@@ -71,6 +71,16 @@ AXElement AtspiObjects::root(std::string_view busName) {
   return element(busName, atspi::rootPath, static_cast<AXElement>(objects_.size()));
 }
 
+AXElement AtspiObjects::page(std::string_view busName, std::string_view path, pid_t process) {
+  const AXElement page = element(busName, path, static_cast<AXElement>(objects_.size()));
+  objects_[page].isPage = true;
+  AtspiApplication& application = applicationOf(page);
+  application.toolkit = AtspiToolkit::webkit;
+  application.toolkitKnown = true;
+  application.process = process;
+  return page;
+}
+
 void AtspiObjects::forgetStates() {
   for (AtspiObject& object : objects_) {
     object.hasFacts = false;

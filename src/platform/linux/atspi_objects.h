@@ -43,6 +43,8 @@ struct AtspiApplication {
   bool listed = false;  ///< its list of elements was asked for
   pid_t process = 0;
   std::optional<AtspiWindows::OfProcess> windows = {};
+  bool lookedForPages = false;
+  std::vector<AXElement> pages = {};  ///< roots of web pages that its views show
 };
 
 /// Where an element is, as far as it was asked.
@@ -62,6 +64,7 @@ struct AtspiObject {
   std::uint32_t application = 0;
   std::string_view path;
   AXElement parent = 0;  ///< through which it was met first; itself for a root
+  bool isPage = false;   ///< the root of a web page, as the view that shows it does not name it
   bool hasFacts = false;
   bool hasChildren = false;                 ///< `children` is all of them, in order
   std::uint32_t role = atspiRole::invalid;  ///< as last seen
@@ -88,6 +91,9 @@ class AtspiObjects {
   }
   bool contains(AXElement element) const { return element < objects_.size(); }
   std::size_t size() const { return objects_.size(); }
+
+  /// The root of a web page of another application on the bus; its parent is known later.
+  AXElement page(std::string_view busName, std::string_view path, pid_t process);
 
   /// Numbers stay; what elements have told of themselves is asked anew.
   void forgetStates();

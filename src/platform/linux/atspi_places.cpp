@@ -30,8 +30,8 @@ void AtspiPlaces::ask(AXElement element, const AtspiFacts& facts) {
   const AtspiToolkit toolkit = context_.objects.application(object.application).toolkit;
   object.place = {.asked = true};
   if (atspiIsRoot(facts.role) || !facts.interfaces.component) return;
-  const auto shown = tellsShowing(toolkit) ? AtspiStates::showing : AtspiStates::visible;
-  object.place.hidden = !facts.states.has(shown) || facts.states.has(AtspiStates::iconified);
+  // The root of a page has no states of its own.
+  object.place.hidden = !object.isPage && saysHidden(toolkit, facts.role, facts.states);
   if (!ownFramesSuffice(toolkit)) askAncestors(element);
   if (!object.place.hidden) askExtents(element);
 }
@@ -74,8 +74,9 @@ void AtspiPlaces::askAncestors(AXElement element) {
       const auto states = statesIn(reply);
       if (!context_.got(reply) || !states) return;
       const AtspiToolkit toolkit = context_.objects.applicationOf(parent).toolkit;
-      const auto shown = tellsShowing(toolkit) ? AtspiStates::showing : AtspiStates::visible;
-      if (!states->has(shown)) context_.objects.object(parent).place.hidden = true;
+      AtspiObject& ancestor = context_.objects.object(parent);
+      if (!ancestor.isPage && saysHidden(toolkit, ancestor.role, *states))
+        ancestor.place.hidden = true;
     });
     askExtents(parent);
   }
@@ -100,6 +101,10 @@ void AtspiPlaces::resolve(AXElement element, int depth) {
     // What it holds is hidden with it, whatever that says of itself.
     place.hidden = place.hidden || parent.hidden;
     if (!atspiPopsUp(object.role)) place.seenIn = parent.seenIn;
+    if (object.isPage && parent.frame) {
+      place.origin = {parent.frame->x, parent.frame->y};
+      place.seenIn = place.seenIn ? intersection(*parent.frame, *place.seenIn) : *parent.frame;
+    }
   }
   if (!place.hidden && !place.told) return;
   if (place.hidden || place.told->w <= 0 || place.told->h <= 0) {

@@ -8,7 +8,9 @@
 #include <unordered_map>
 #include <utility>
 
+#include "base/text.h"
 #include "base/utf8.h"
+#include "platform/linux/atspi_pages.h"
 
 namespace vesko {
 namespace {
@@ -48,6 +50,13 @@ std::vector<AXElementState> AtspiReader::read(std::span<const AXElement> element
     for (Item& item : items)
       if (item.state.error == AXError::success) start(item);
     context_.run();
+    if (wants(children)) {
+      for (Item& item : items) {
+        if (item.showsPage && item.state.children.empty() && maxChildren_ > 0)
+          if (const auto page = pageInView(context_, item.element))
+            item.state.children.push_back(*page);
+      }
+    }
   }
   std::vector<AXElementState> states;
   states.reserve(items.size());
@@ -150,7 +159,7 @@ void AtspiReader::askFacts(Item& item) {
               reply.outcome == DBusReply::Outcome::value ? AXError::failure : atspiError(reply);
         factArrived(item);
       });
-  if (wants(title | value)) {
+  if (wants(title | value | children)) {
     ++item.factsAwaited;
     context_.askProperty(item.element, atspi::accessible, "Name",
                          [this, &item](const DBusReply& reply) {
@@ -202,11 +211,12 @@ void AtspiReader::tellFacts(Item& item) {
   AXElementState& state = item.state;
   if (wants(role)) state.role = item.kind.role;
   if (wants(subrole) && !item.kind.subrole.empty()) state.subrole = item.kind.subrole;
+  item.showsPage = mayShowPage(toolkit, facts.name);
   if (isClassName(toolkit, facts.name)) item.facts.name.clear();
   const bool named =
       !facts.name.empty() && !(item.kind.value == AtspiValue::choice && namesChoice(toolkit));
   if (wants(title) && named) state.title = facts.name;
-  if (atspiIsRoot(facts.role)) return;
+  if (atspiIsRoot(facts.role) || object.isPage) return;
   if (wants(enabled)) state.enabled = facts.states.has(AtspiStates::sensitive);
   const bool byFocus = facts.role == atspiRole::pageTab && tellsSelectedTabByFocus(toolkit);
   if (wants(focused)) state.focused = !byFocus && facts.states.has(AtspiStates::focused);
@@ -218,6 +228,7 @@ void AtspiReader::askValue(Item& item) {
   std::optional<std::string>& told = item.state.value;
   switch (item.kind.value) {
     case AtspiValue::none:
+      if (textAnywhere(toolkit)) askText(item);
       break;
     case AtspiValue::name:
       if (!item.facts.name.empty()) told = item.facts.name;
@@ -267,7 +278,14 @@ void AtspiReader::askText(Item& item) {
                DBusArguments().add(std::int32_t{0}).add(maxTextCharacters),
                [this, &item](const DBusReply& reply) {
                  if (!context_.got(reply) || !reply.is("s")) return;
-                 item.state.value = boundedText(DBusReader(reply.body).text());
+                 std::string text = boundedText(DBusReader(reply.body).text());
+                 // Stands for a child inside the text.
+                 constexpr std::string_view embedded = "\uFFFC";
+                 for (auto at = text.find(embedded); at != std::string::npos;
+                      at = text.find(embedded, at))
+                   text.erase(at, embedded.size());
+                 if (item.kind.value == AtspiValue::text || !trim(text).empty())
+                   item.state.value = std::move(text);
                });
 }
 

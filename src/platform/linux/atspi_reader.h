@@ -25,6 +25,7 @@ class AtspiReader {
     AtspiFacts facts = {};
     AtspiKind kind = {};
     unsigned factsAwaited = 0;
+    bool showsPage = false;
     std::vector<std::optional<AXElement>> byIndex = {};  ///< children that are asked for one by one
   };
 

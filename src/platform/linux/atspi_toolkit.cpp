@@ -18,8 +18,12 @@ bool listsVisitedElementsOnly(AtspiToolkit toolkit) {
   return toolkit == AtspiToolkit::gtk4;
 }
 
-bool tellsShowing(AtspiToolkit toolkit) {
-  return toolkit != AtspiToolkit::gtk4;
+bool saysHidden(AtspiToolkit toolkit, std::uint32_t role, AtspiStates states) {
+  if (states.has(AtspiStates::iconified)) return true;
+  if (toolkit == AtspiToolkit::gtk4) return !states.has(AtspiStates::visible);
+  // The scrolled part of a page never says that it shows.
+  if (toolkit == AtspiToolkit::webkit && role == atspiRole::scrollPane) return false;
+  return !states.has(AtspiStates::showing);
 }
 
 bool extentsInWindow(AtspiToolkit toolkit) {
@@ -56,6 +60,15 @@ bool tellsSelectedTabByFocus(AtspiToolkit toolkit) {
   return toolkit == AtspiToolkit::qt;
 }
 
+bool mayShowPage(AtspiToolkit toolkit, std::string_view name) {
+  return toolkit == AtspiToolkit::gtk4 && name.ends_with("WebView") &&
+         name.find(' ') == std::string_view::npos;
+}
+
+bool textAnywhere(AtspiToolkit toolkit) {
+  return toolkit == AtspiToolkit::webkit;
+}
+
 bool isLeaf(AtspiToolkit toolkit, std::uint32_t role) {
   // What is no widget there.
   if (toolkit != AtspiToolkit::qt) return false;
@@ -65,6 +78,7 @@ bool isLeaf(AtspiToolkit toolkit, std::uint32_t role) {
 }
 
 bool isClassName(AtspiToolkit toolkit, std::string_view name) {
+  if (mayShowPage(toolkit, name)) return true;
   return toolkit == AtspiToolkit::gtk4 && (name.starts_with("Gtk") || name.starts_with("Adw")) &&
          name.size() > 3 && name[3] >= 'A' && name[3] <= 'Z' &&
          name.find(' ') == std::string_view::npos;

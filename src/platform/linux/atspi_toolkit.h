@@ -16,8 +16,9 @@ AtspiToolkit atspiToolkit(std::string_view name, std::string_view version);
 /// Whether Cache.GetItems lists elements: all of them, or (gtk4) those that were visited.
 bool listsElements(AtspiToolkit toolkit);
 bool listsVisitedElementsOnly(AtspiToolkit toolkit);
-/// Whether the state "showing" tells that an element is seen. Where not, "visible" has to do.
-bool tellsShowing(AtspiToolkit toolkit);
+/// Whether an element says that nothing of it is seen. What it does not say is no sign of the
+/// contrary.
+bool saysHidden(AtspiToolkit toolkit, std::uint32_t role, AtspiStates states);
 /// Whether extents are told relative to the window and not to the screen.
 bool extentsInWindow(AtspiToolkit toolkit);
 /// Whether each element tells correctly whether and where it is seen. Where not, its ancestors have
@@ -39,6 +40,12 @@ bool showsLabelInside(AtspiToolkit toolkit, std::uint32_t role);
 bool choosesClosed(AtspiToolkit toolkit);
 /// Whether the tab whose page shows says that it has the focus, and not that it is selected.
 bool tellsSelectedTabByFocus(AtspiToolkit toolkit);
+/// Whether an element without children, of that name, shows a web page that has to be looked for.
+/// GTK 4 names views without a title by their class; before 4.14 it cannot point to another
+/// process.
+bool mayShowPage(AtspiToolkit toolkit, std::string_view name);
+/// Whether text stands in elements of any role, and not in labels of its own.
+bool textAnywhere(AtspiToolkit toolkit);
 /// Whether elements of that role never have children.
 bool isLeaf(AtspiToolkit toolkit, std::uint32_t role);
 /// A name that is no name: the class of a widget that was given none.
