@@ -8,6 +8,18 @@
 
 namespace vesko::test {
 
+Looked lookAt(Accessibility& accessibility, pid_t process) {
+  Looked looked;
+  EXPECT_TRUE(eventually([&] {
+    looked.session =
+        accessibility.begin(std::chrono::steady_clock::now() + std::chrono::minutes(1));
+    const auto root = looked.session->application(process);
+    looked.root = root.value_or(0);
+    return root.has_value();
+  }));
+  return looked;
+}
+
 std::vector<Met> walk(AccessibilitySession& session, AXElement root, std::size_t limit) {
   std::vector<Met> met;
   std::set<AXElement> seen{root};

@@ -23,6 +23,14 @@ struct Met {
   AXElementState state = {};
 };
 
+/// A session and the root of that process, once it has come to the bus: a loaded machine takes its
+/// time over that.
+struct Looked {
+  std::unique_ptr<AccessibilitySession> session;
+  AXElement root = 0;
+};
+Looked lookAt(Accessibility& accessibility, pid_t process);
+
 /// All elements below a root, breadth first, as the accessibility tool walks them.
 std::vector<Met> walk(AccessibilitySession& session, AXElement root, std::size_t limit = 3000);
 

@@ -27,11 +27,9 @@ struct Walked {
   bool incomplete = false;
 };
 
-Walked walkApplication(AtspiAccessibility& accessibility, pid_t pid, std::chrono::seconds time) {
-  const auto session = accessibility.begin(Clock::now() + time);
-  const auto root = session->application(pid);
-  if (!root) return {};
-  auto elements = walk(*session, *root);
+Walked walkApplication(AtspiAccessibility& accessibility, pid_t pid) {
+  const auto [session, root] = lookAt(accessibility, pid);
+  auto elements = walk(*session, root);
   return {std::move(elements), session->incomplete()};
 }
 
@@ -52,7 +50,7 @@ TEST(AccessibilityFaults, MisbehavingApplicationsEndNoWalkLate) {
     SCOPED_TRACE(wrong.mode);
     AccessibleApp app("misbehaving_accessible", {wrong.mode});
     const long before = peakMemory();
-    const Walked walked = walkApplication(accessibility, app.pid(), 30s);
+    const Walked walked = walkApplication(accessibility, app.pid());
     EXPECT_GE(walked.elements.size(), wrong.atLeast);
     EXPECT_LE(walked.elements.size(), wrong.atMost);
     EXPECT_EQ(walked.incomplete, wrong.incomplete);
@@ -65,7 +63,7 @@ TEST(AccessibilityFaults, MisbehavingApplicationsEndNoWalkLate) {
 TEST(AccessibilityFaults, StoppedApplicationEndsWithTheDeadlineOrBefore) {
   AccessibleApp app("accessible_gtk3", {"many", "600"});
   AtspiAccessibility accessibility;
-  const Walked whole = walkApplication(accessibility, app.pid(), 30s);
+  const Walked whole = walkApplication(accessibility, app.pid());
   EXPECT_FALSE(whole.incomplete);
   app.program().signal(SIGSTOP);
   const auto session = accessibility.begin(Clock::now() + 30s);
@@ -80,15 +78,15 @@ TEST(AccessibilityFaults, StoppedApplicationEndsWithTheDeadlineOrBefore) {
   EXPECT_EQ(session->perform(*root, AXAction::press), AXError::cannotComplete);
   // Beside it others are read as ever.
   AccessibleApp other("accessible_gtk3", {"many", "60"});
-  EXPECT_FALSE(walkApplication(accessibility, other.pid(), 30s).incomplete);
+  EXPECT_FALSE(walkApplication(accessibility, other.pid()).incomplete);
   app.program().signal(SIGCONT);
-  EXPECT_EQ(walkApplication(accessibility, app.pid(), 30s).elements.size(), whole.elements.size());
+  EXPECT_EQ(walkApplication(accessibility, app.pid()).elements.size(), whole.elements.size());
 }
 
 TEST(AccessibilityFaults, SessionsRunSideBySide) {
   AccessibleApp app("accessible_gtk3", {"many", "300"});
   AtspiAccessibility accessibility(50ms);
-  const std::size_t expected = walkApplication(accessibility, app.pid(), 30s).elements.size();
+  const std::size_t expected = walkApplication(accessibility, app.pid()).elements.size();
   EXPECT_GT(expected, 200U);
   std::atomic<int> wrong = 0;
   {
@@ -96,7 +94,7 @@ TEST(AccessibilityFaults, SessionsRunSideBySide) {
     for (int i = 0; i < 4; ++i) {
       threads.emplace_back([&] {
         for (int round = 0; round < 5; ++round) {
-          const Walked walked = walkApplication(accessibility, app.pid(), 60s);
+          const Walked walked = walkApplication(accessibility, app.pid());
           if (walked.elements.size() != expected || walked.incomplete) ++wrong;
         }
       });
@@ -108,10 +106,10 @@ TEST(AccessibilityFaults, SessionsRunSideBySide) {
 TEST(AccessibilityFaults, StaleListsDoNotHideElements) {
   AccessibleApp app("accessible_gtk3", {"form"});
   AtspiAccessibility accessibility;
-  walkApplication(accessibility, app.pid(), 30s);
+  walkApplication(accessibility, app.pid());
   app.send("add");
   EXPECT_TRUE(app.program().waitForLine("added"));
-  const Walked later = walkApplication(accessibility, app.pid(), 30s);
+  const Walked later = walkApplication(accessibility, app.pid());
   EXPECT_TRUE(find(later.elements, "AXButton", "Added Later"));
   EXPECT_EQ(accessibility.begin(Clock::now() + 5s)->application(::getpid()).error(),
             AXError::apiDisabled);

@@ -16,6 +16,7 @@ namespace {
 constexpr std::string_view actionInterface = "org.a11y.atspi.Action";
 constexpr std::string_view editableInterface = "org.a11y.atspi.EditableText";
 constexpr std::size_t maxOptions = 1000;
+constexpr std::int32_t maxActions = 32;
 
 /// What the toolkits call an action, in lower case; the first that an element has is taken.
 std::span<const std::string_view> namesOf(AXAction action) {
@@ -101,18 +102,20 @@ void AtspiActor::askInterfaces(Target& target) {
 }
 
 void AtspiActor::askActions(Target& target) {
-  context_.ask(target.element, actionInterface, "GetActions", {},
-               [&target](const DBusReply& reply) {
-                 if (!reply.is("a(sss)")) return;
-                 DBusReader body = reply.body;
-                 DBusReader actions = body.array(8);
-                 while (actions.more()) {
-                   actions.structure();
-                   target.actions.push_back(lowerAscii(actions.text()));
-                   actions.text();
-                   actions.text();
-                 }
-               });
+  // One by one: there is a toolkit that never answers GetActions.
+  context_.askProperty(
+      target.element, actionInterface, "NActions", [this, &target](const DBusReply& reply) {
+        const std::int32_t count = std::clamp(countProperty(reply).value_or(0), 0, maxActions);
+        target.actions.resize(static_cast<std::size_t>(count));
+        for (std::int32_t i = 0; i < count; ++i) {
+          context_.ask(target.element, actionInterface, "GetName", DBusArguments().add(i),
+                       [&target, i](const DBusReply& named) {
+                         if (named.is("s"))
+                           target.actions[static_cast<std::size_t>(i)] =
+                               lowerAscii(DBusReader(named.body).text());
+                       });
+        }
+      });
 }
 
 AXError AtspiActor::ask(AXElement element, std::string_view interface, std::string_view member,
