@@ -42,6 +42,11 @@ std::string fitForTerminal(std::string text) {
   }
   if (!isValidUtf8(text))
     std::ranges::replace_if(text, [](char c) { return (c & 0x80) != 0; }, '?');
+  // The controls of the second half of ISO 6429, U+0080 to U+009F; some terminals obey them.
+  for (std::size_t i = 1; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (text[i - 1] == '\xC2' && byte < 0xA0) text.replace(i - 1, 2, "  ");
+  }
   const auto shown = utf8Prefix(text, maxTextCharacters);
   return shown.size() < text.size() ? std::string(shown) + "..." : text;
 }
