@@ -49,7 +49,8 @@ MessagesAutomationPermissionResponse responseTo(const MessagesAutomationOutcome&
 }
 
 bool operates(std::string_view path) {
-  return path.starts_with("/input/") || path == "/ax/action" || path == "/ax/set-value";
+  return path.starts_with("/input/") || path == "/ax/action" || path == "/ax/set-value" ||
+         path.starts_with("/app/") || (path.starts_with("/window/") && path != "/window/list");
 }
 
 }  // namespace

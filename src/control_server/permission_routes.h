@@ -19,10 +19,10 @@ struct MessagesAutomationOutcome {
 /// wait for the user.
 std::vector<Route> permissionRoutes(std::function<MessagesAutomationOutcome()> request);
 
-/// What an assistant may do must not include saying what it may do: the routes that click, type or
-/// press are refused while a window is on the screen that only the user may answer. It keeps an
-/// assistant from the shortest way and is no wall, since whoever may type can open a terminal at
-/// any other time. `probes` outlives the routes.
+/// What an assistant may do must not include saying what it may do: the routes that click, type,
+/// press or move windows about are refused while a window is on the screen that only the user may
+/// answer. It keeps an assistant from the shortest way and is no wall, since whoever may type can
+/// open a terminal at any other time. `probes` outlives the routes.
 std::vector<Route> leavePrivacyToTheUser(std::vector<Route> routes, PermissionProbes& probes);
 
 }  // namespace vesko

@@ -78,22 +78,38 @@ Node nodeOf(const AXElementState& state, std::string path) {
           .children = {}};
 }
 
-/// The entries that were kept, as a tree.
-Node nodeTree(ElementTree& tree, const std::string& rootPath) {
+// Every path repeats those above it: long titles one in the other make up more than all texts.
+constexpr std::size_t maxPathBytes = 16 << 20;
+
+struct NodeTree {
+  Node root;
+  bool cut = false;  ///< elements are missing whose paths had no room
+};
+
+/// The entries that were kept.
+NodeTree nodeTree(ElementTree& tree, const std::string& rootPath) {
   const auto& entries = tree.entries();
   std::vector<Node> nodes(entries.size());
-  for (std::size_t i = 0; i < entries.size(); ++i) {
+  std::size_t pathBytes = 0;
+  bool cut = false;
+  std::size_t end = entries.size();
+  for (std::size_t i = 0; i < end; ++i) {
     if (!entries[i].kept) continue;
     nodes[i] = nodeOf(entries[i].state,
                       i == 0 ? rootPath : nodes[entries[i].parent].path + "/" + tree.segment(i));
+    pathBytes += nodes[i].path.size();
+    if (pathBytes > maxPathBytes && i > 0) {
+      end = i;
+      cut = true;
+    }
   }
   // Children come behind their parents, so from the end every node is complete when it is moved.
-  for (std::size_t i = entries.size(); i-- > 1;) {
+  for (std::size_t i = end; i-- > 1;) {
     std::ranges::reverse(nodes[i].children);
     if (entries[i].kept) nodes[entries[i].parent].children.push_back(std::move(nodes[i]));
   }
   std::ranges::reverse(nodes.front().children);
-  return std::move(nodes.front());
+  return {std::move(nodes.front()), cut};
 }
 
 std::optional<std::string> incompleteness(const AccessibilitySession& session,
@@ -183,8 +199,9 @@ AccessibilityControl::Result<SnapshotResponse> AccessibilityControl::snapshot(
   if (top.error == AXError::invalidElement) return fail(Kind::elementGone);
   if (top.error != AXError::success)
     return std::unexpected(ControlError::invalid("the application does not answer"));
-  SnapshotResponse response{nodeTree(tree, root->path), {}};
-  response.incomplete = incompleteness(*root->session, tree);
+  NodeTree nodes = nodeTree(tree, root->path);
+  SnapshotResponse response{std::move(nodes.root), incompleteness(*root->session, tree)};
+  if (nodes.cut && !response.incomplete) response.incomplete = "size";
   return response;
 }
 
@@ -253,12 +270,12 @@ AccessibilityControl::Result<FindResponse> AccessibilityControl::find(const Find
 
 AccessibilityControl::Result<OKResponse> AccessibilityControl::performAction(
     const ActionRequest& request) {
+  auto target = resolve(request.elementPath);
+  if (!target) return std::unexpected(std::move(target.error()));
   const auto action =
       std::ranges::find(actions, request.action, [](const auto& a) { return a.first; });
   if (request.action != "focus" && action == actions.end())
     return std::unexpected(ControlError::invalid("unsupported AX action: " + request.action));
-  auto target = resolve(request.elementPath);
-  if (!target) return std::unexpected(std::move(target.error()));
   return outcome("AX action", request.action == "focus"
                                   ? target->session->setFocused(target->element)
                                   : target->session->perform(target->element, action->second));
@@ -287,10 +304,13 @@ AccessibilityControl::Result<AccessibilityControl::Root> AccessibilityControl::r
     return application ? rootOfApplication(*application) : fail(Kind::applicationNotFound);
   }
   if (scope == "app") {
+    if (!bundleID || bundleID->empty()) return fail(Kind::applicationNotFound);
+    // An installed application may be known by more than one spelling of its identifier.
+    const auto installed = applications_.installed(*bundleID);
+    const std::string& identifier = installed ? installed->bundleIdentifier : *bundleID;
     const auto running = applications_.running();
-    const auto application = std::ranges::find_if(running, [&](const RunningApplication& a) {
-      return bundleID && !bundleID->empty() && a.bundleIdentifier == *bundleID;
-    });
+    const auto application =
+        std::ranges::find(running, identifier, &RunningApplication::bundleIdentifier);
     return application != running.end() ? rootOfApplication(*application)
                                         : fail(Kind::applicationNotFound);
   }

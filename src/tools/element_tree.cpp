@@ -26,6 +26,8 @@ const std::string unknownRole = "AXUnknown";
 ElementTree::ElementTree(AccessibilitySession& session, AXElement root, const Limits& limits)
     : session_(session) {
   walk(root, limits);
+  // What the limit would not have let in is not missed.
+  if (kept_ >= limits.keep) cut_ = false;
   segments_.resize(entries_.size());
 }
 
@@ -110,6 +112,10 @@ std::vector<ElementTree::Pending> ElementTree::listChildren(std::size_t firstEnt
     if (!entries_[i].kept) continue;
     // A tree that a faulty application bends into a circle is still walked once.
     for (const AXElement child : entries_[i].state.children) {
+      if (next.size() >= maxRead) {
+        cut_ = true;
+        return next;
+      }
       if (!seenBefore(child)) next.push_back({child, i});
     }
     if (entries_[i].state.moreChildren) cut_ = true;

@@ -179,6 +179,7 @@ TEST_F(AccessibilityControlTest, actsOnTheElementThatThePathNames) {
   EXPECT_TRUE(control_.setValue({path, "née"}));
   EXPECT_EQ(save_->state.value, "née");
   EXPECT_EQ(failure(control_.performAction({path, "open"})), "unsupported AX action: open");
+  EXPECT_EQ(failure(control_.performAction({path + "/AXNone[0]", "open"})), "ax_element_gone");
 
   save_->answer = AXError::actionUnsupported;
   EXPECT_EQ(failure(control_.performAction({path, "press"})),
@@ -221,6 +222,7 @@ TEST_F(AccessibilityControlTest, boundsWhatAnApplicationCanMakeItDo) {
   fake_.onRead = [&](std::size_t asked) { read += asked; };
   for (int i = 0; i < 50'000; ++i) window_->add("AXRow");
   EXPECT_EQ(count(snapshot({.maxNodes = 2000})), 2000U);
+  EXPECT_FALSE(incomplete_);
   EXPECT_LT(read, 3000U);
   EXPECT_EQ(find({.title = "nowhere"}), Titles{});
   EXPECT_LT(read, 25'000U);
@@ -238,6 +240,15 @@ TEST_F(AccessibilityControlTest, boundsWhatAnApplicationCanMakeItDo) {
   for (int i = 0; i < 1500; ++i) window_->add("AXText").state.value = std::string(60'000, 'x');
   EXPECT_LT(count(snapshot({.maxNodes = 2000})), 1000U);
   EXPECT_EQ(incomplete_, "size");
+  // Titles that every path below them repeats.
+  window_->children.clear();
+  last = window_;
+  for (int i = 0; i < 200; ++i) last = &last->add("AXGroup", std::string(1000, 'y'));
+  for (int i = 0; i < 1700; ++i) last->add("AXText");
+  const auto nested = control_.snapshot({.maxNodes = 2000});
+  ASSERT_TRUE(nested);
+  EXPECT_EQ(nested->incomplete, "size");
+  EXPECT_LT(json::encode(*nested)->size(), 32U << 20);
   fake_.applications[editor_]->children.clear();
 }
 

@@ -285,6 +285,8 @@ TEST_F(PrivacyTest, theCompanionAsksForTheHelperAndLeavesTheAnswerToTheUser) {
   EXPECT_NE(environment.find("HOME="), std::string::npos);
   EXPECT_EQ(environment.find("VESKOKIT_"), std::string::npos);
   EXPECT_EQ(move().body, R"({"message":"a privacy window is open; only the user may operate it"})");
+  EXPECT_EQ(ask(*server, "POST", "/app/quit", "{}").body, move().body);
+  EXPECT_EQ(ask(*server, "POST", "/window/list", "{}").status, 200);
   EXPECT_EQ(ask(*server, "POST", "/clipboard/set", R"({"text":"kept"})").status, 200);
   EXPECT_TRUE(test::press(allow));
   EXPECT_EQ(first.get(), R"({"granted":true})");

@@ -7,8 +7,9 @@
 namespace vesko {
 namespace {
 
-// Where nothing of an element is seen: touches no screen, as those begin at the origin.
-constexpr Rect unseen{-1, -1, 0, 0};
+// Where nothing of an element is seen: touches no screen, as those begin at the origin, and is near
+// nothing that is seen.
+constexpr Rect unseen{-32000, -32000, 0, 0};
 // No interface nests so deep; a circle of a faulty one ends here.
 constexpr int maxDepth = 256;
 
