@@ -60,6 +60,10 @@ double pixelsPerPoint(int pixels, double points) {
   return points <= 0 ? 1.0 : pixels / points;
 }
 
+std::optional<double> beyondZero(double place) {
+  return place == 0 ? std::nullopt : std::optional(place);
+}
+
 }  // namespace
 
 CaptureError CaptureError::of(Kind kind) {
@@ -94,8 +98,8 @@ std::expected<DisplayListResponse, CaptureError> ScreenCaptureService::listDispl
          .height = std::llround(height),
          .scale = std::min(display.pixelsWide / width, display.pixelsHigh / height),
          .primary = display.primary,
-         .x = display.bounds.x,
-         .y = display.bounds.y});
+         .x = beyondZero(display.bounds.x),
+         .y = beyondZero(display.bounds.y)});
   }
   return response;
 }

@@ -64,8 +64,9 @@ struct DisplayInfo {
   std::int64_t height = 0;  ///< points
   double scale = 1;         ///< pixels for a point
   bool primary = false;
-  double x = 0;  ///< top left corner in global points
-  double y = 0;
+  /// Top left corner in global points, left out where it is 0.
+  std::optional<double> x = {};
+  std::optional<double> y = {};
 
   static constexpr auto jsonFields() {
     return std::tuple{json::field("id", &DisplayInfo::id),

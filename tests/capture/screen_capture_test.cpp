@@ -80,8 +80,8 @@ TEST_F(ScreenCaptureTest, ListsDisplays) {
     EXPECT_EQ(list->displays[0].height, each.height);
     EXPECT_DOUBLE_EQ(list->displays[0].scale, each.scale);
     EXPECT_FALSE(list->displays[0].primary);
-    EXPECT_EQ(list->displays[0].x, each.bounds.x);
-    EXPECT_EQ(list->displays[0].y, each.bounds.y);
+    EXPECT_EQ(list->displays[0].x.value_or(0), each.bounds.x);
+    EXPECT_EQ(list->displays[0].y.value_or(0), each.bounds.y);
   }
   source_.screenDisplays.clear();
   EXPECT_EQ(json::encode(*service_.listDisplays()), R"({"displays":[]})");

@@ -40,13 +40,13 @@ std::optional<Point> displayOrigin(const ToolCall& call, const std::string* id) 
     const std::string* name = textMember(display, "id");
     const Value* primary = display.find("primary");
     if (id ? !name || *name != *id : !primary || primary->asBool() != true) continue;
-    const Value* x = display.find("x");
-    const Value* y = display.find("y");
-    if (x && y && x->asDouble() && y->asDouble()) return Point{*x->asDouble(), *y->asDouble()};
-    break;
+    const auto place = [&display](std::string_view key) {
+      const Value* given = display.find(key);
+      return given ? given->asDouble().value_or(0) : 0;
+    };
+    return Point{place("x"), place("y")};
   }
-  // A display that is alone begins where the screen does.
-  return list->asArray()->size() == 1 ? std::optional(Point()) : std::nullopt;
+  return std::nullopt;
 }
 
 std::optional<Point> windowOrigin(const ToolCall& call, std::int64_t id) {
