@@ -14,7 +14,7 @@
 #include "control_server/tool_routes.h"
 #include "helper/control_client.h"
 #include "platform/linux/atspi_accessibility.h"
-#include "platform/linux/x11_screen_source.h"
+#include "platform/linux/x11_window_system.h"
 #include "tools/accessibility_control.h"
 
 namespace vesko {
@@ -60,9 +60,10 @@ int answerRequests(pid_t pid) {
   std::signal(SIGPIPE, SIG_IGN);
   Granted probes;
   OneApplication application(pid);
-  AtspiAccessibility accessibility;
-  X11ScreenSource screen;
-  AccessibilityControl control(accessibility, application, screen);
+  X11Sessions sessions;
+  X11WindowSystem windows(sessions);
+  AtspiAccessibility accessibility(sessions);
+  AccessibilityControl control(accessibility, application, windows);
   auto server = ControlServer::create(accessibilityRoutes(control), probes);
   if (!server) return 1;
   std::promise<std::string> handshake;

@@ -61,7 +61,7 @@ Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock i
       inputControl_(platform_.input, platform_.pasteboard),
       screenRecording_(platform_.permissions),
       screenCapture_(platform_.screen, screenRecording_),
-      accessibilityControl_(platform_.accessibility, platform_.applications, platform_.screen),
+      accessibilityControl_(platform_.accessibility, platform_.applications, platform_.windows),
       appWindowControl_(platform_.applications, platform_.windows),
       photosExport_(platform_.photoLibrary, platform_.pictures, platform_.permissions),
       daemonGrants_(state_, log_, platform_.loop,

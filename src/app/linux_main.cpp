@@ -143,7 +143,7 @@ Result run() {
   Lifetime lifetime(loop, executable);
   X11Sessions sessions;
   X11WindowSystem windows(sessions);
-  AtspiAccessibility accessibility;
+  AtspiAccessibility accessibility(sessions);
   LinuxApplications applications(loop, sessions, windows, environment);
   LinuxPhotos photos(bundle->path() / "Contents/PlugIns/VeskoPhotos.so",
                      [home] { return home / "Pictures/Photos Library.photoslibrary"; });

@@ -72,13 +72,17 @@ class Applications {
 /// few seconds at most. Errors: invalidElement once the window is gone, attributeUnsupported when
 /// its manager says that this window cannot do it, or cannot do it as it is now (moving one that
 /// fills the screen), illegalArgument for a place or size that the desktop cannot express, failure
-/// when it did not happen. A desktop that does not answer: failure, listing cannotComplete.
+/// when it did not happen. A desktop that does not answer: failure, listing and
+/// screens cannotComplete.
 class WindowSystem {
  public:
   virtual ~WindowSystem() = default;
 
   /// All windows that a person would count as such, of one process or of all, front to back.
   virtual std::expected<std::vector<DesktopWindow>, AXError> windows(std::optional<pid_t> pid) = 0;
+
+  /// Where the screens lie, in the space of window frames.
+  virtual std::expected<std::vector<Rect>, AXError> screens() = 0;
 
   /// Raises it, restores it when it is minimised, gives it the keyboard.
   virtual AXError focus(std::uint32_t window) = 0;

@@ -54,12 +54,8 @@ bool intersects(const Rect& a, const Rect& screen) {
 }
 
 /// What lies on a screen; everything when none is attached, because nothing can be told then.
-auto onScreen(ScreenSource& source) {
-  std::vector<Rect> screens;
-  if (const auto displays = source.displays()) {
-    for (const ScreenDisplay& display : *displays) screens.push_back(display.bounds);
-  }
-  return [screens = std::move(screens)](const AXElementState& state) {
+auto onScreen(WindowSystem& windows) {
+  return [screens = windows.screens().value_or(std::vector<Rect>{})](const AXElementState& state) {
     return !state.frame || screens.empty() || std::ranges::any_of(screens, [&](const Rect& screen) {
       return intersects(*state.frame, screen);
     });
@@ -193,7 +189,7 @@ AccessibilityControl::Result<SnapshotResponse> AccessibilityControl::snapshot(
   if (root->bare) return SnapshotResponse{std::move(*root->bare), {}};
 
   ElementTree::Limits limits{.keep = static_cast<std::size_t>(maxNodes)};
-  if (!request.includeOffscreen.value_or(false)) limits.accepts = onScreen(screen_);
+  if (!request.includeOffscreen.value_or(false)) limits.accepts = onScreen(windows_);
   ElementTree tree(*root->session, root->element, limits);
   const AXElementState& top = tree.entries().front().state;
   if (top.error == AXError::invalidElement) return fail(Kind::elementGone);

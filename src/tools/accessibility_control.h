@@ -12,7 +12,6 @@
 
 #include "platform/accessibility.h"
 #include "platform/applications.h"
-#include "platform/screen_source.h"
 #include "tools/accessibility_records.h"
 #include "tools/tool_response.h"
 
@@ -35,8 +34,8 @@ class AccessibilityControl {
   using Result = std::expected<T, ControlError>;
 
   AccessibilityControl(Accessibility& accessibility, Applications& applications,
-                       ScreenSource& screen)
-      : accessibility_(accessibility), applications_(applications), screen_(screen) {}
+                       WindowSystem& windows)
+      : accessibility_(accessibility), applications_(applications), windows_(windows) {}
 
   Result<SnapshotResponse> snapshot(const SnapshotRequest& request);
   Result<FindResponse> find(const FindRequest& request);
@@ -56,7 +55,7 @@ class AccessibilityControl {
 
   Accessibility& accessibility_;
   Applications& applications_;
-  ScreenSource& screen_;
+  WindowSystem& windows_;
 };
 
 }  // namespace vesko

@@ -4,7 +4,6 @@
 
 #include "fakes/fake_accessibility.h"
 #include "fakes/fake_applications.h"
-#include "fakes/fake_screen_source.h"
 
 namespace vesko {
 namespace {
@@ -17,7 +16,7 @@ class AccessibilityControlTest : public testing::Test {
   AccessibilityControlTest() {
     editor_ =
         applications_.add({.pid = 41, .bundleIdentifier = "org.example.editor", .name = "Editor"});
-    screen_.screenDisplays = {{.id = 1, .bounds = {0, 0, 800, 600}}};
+    windows_.setScreens({{0, 0, 800, 600}});
     window_ = &fake_.application(editor_).add("AXWindow", "Draft");
     save_ = &window_->add("AXButton", "Save As…");
     save_->state.frame = {13, 14, 20, 20};
@@ -60,8 +59,8 @@ class AccessibilityControlTest : public testing::Test {
 
   fakes::FakeApplications applications_;
   fakes::FakeAccessibility fake_;
-  fakes::FakeScreenSource screen_;
-  AccessibilityControl control_{fake_, applications_, screen_};
+  fakes::FakeWindowSystem windows_{applications_};
+  AccessibilityControl control_{fake_, applications_, windows_};
   pid_t editor_ = 0;
   FakeElement *window_ = nullptr, *save_ = nullptr, *field_ = nullptr, *away_ = nullptr;
   std::optional<std::string> incomplete_;
@@ -78,9 +77,9 @@ TEST_F(AccessibilityControlTest, takesSnapshotsOfWhatIsOnTheScreen) {
             tree.path + "/AXWindow[title=Draft]/AXButton[title=Save As%E2%80%A6]");
   EXPECT_EQ(count(snapshot({.includeOffscreen = true})), 6U);
   // Beyond the first screen, and on a second one.
-  screen_.screenDisplays.push_back({.id = 2, .bounds = {4900, 0, 800, 600}});
+  windows_.setScreens({{0, 0, 800, 600}, {4900, 0, 800, 600}});
   EXPECT_EQ(count(snapshot()), 6U);
-  screen_.screenDisplays.clear();
+  windows_.setScreens({});
   EXPECT_EQ(count(snapshot()), 6U);
   EXPECT_FALSE(incomplete_);
 }

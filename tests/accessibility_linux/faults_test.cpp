@@ -7,7 +7,9 @@
 #include <thread>
 
 #include "accessible_app.h"
+#include "capture/x11_test_server.h"
 #include "platform/linux/atspi_accessibility.h"
+#include "platform/linux/atspi_windows.h"
 
 namespace vesko::test {
 namespace {
@@ -45,7 +47,8 @@ TEST(AccessibilityFaults, MisbehavingApplicationsEndNoWalkLate) {
                         {"flood", 3000, 3000, false}, {"long", 52, 52, false},
                         {"wrong", 1, 1, false},       {"silent", 2, 2, true},
                         {"dying", 2, 52, true}};
-  AtspiAccessibility accessibility;
+  X11Sessions windows;
+  AtspiAccessibility accessibility(windows);
   for (const Case& wrong : cases) {
     SCOPED_TRACE(wrong.mode);
     AccessibleApp app("misbehaving_accessible", {wrong.mode});
@@ -62,7 +65,8 @@ TEST(AccessibilityFaults, MisbehavingApplicationsEndNoWalkLate) {
 
 TEST(AccessibilityFaults, StoppedApplicationEndsWithTheDeadlineOrBefore) {
   AccessibleApp app("accessible_gtk3", {"many", "600"});
-  AtspiAccessibility accessibility;
+  X11Sessions windows;
+  AtspiAccessibility accessibility(windows);
   const Walked whole = walkApplication(accessibility, app.pid());
   EXPECT_FALSE(whole.incomplete);
   app.program().signal(SIGSTOP);
@@ -85,7 +89,8 @@ TEST(AccessibilityFaults, StoppedApplicationEndsWithTheDeadlineOrBefore) {
 
 TEST(AccessibilityFaults, SessionsRunSideBySide) {
   AccessibleApp app("accessible_gtk3", {"many", "300"});
-  AtspiAccessibility accessibility(50ms);
+  X11Sessions windows;
+  AtspiAccessibility accessibility(windows, 50ms);
   const std::size_t expected = walkApplication(accessibility, app.pid()).elements.size();
   EXPECT_GT(expected, 200U);
   std::atomic<int> wrong = 0;
@@ -105,7 +110,8 @@ TEST(AccessibilityFaults, SessionsRunSideBySide) {
 
 TEST(AccessibilityFaults, StaleListsDoNotHideElements) {
   AccessibleApp app("accessible_gtk3", {"form"});
-  AtspiAccessibility accessibility;
+  X11Sessions windows;
+  AtspiAccessibility accessibility(windows);
   walkApplication(accessibility, app.pid());
   app.send("add");
   EXPECT_TRUE(app.program().waitForLine("added"));
@@ -117,7 +123,8 @@ TEST(AccessibilityFaults, StaleListsDoNotHideElements) {
 
 TEST(AccessibilityFaults, BusThatIsNotThere) {
   const std::string address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-  AtspiAccessibility accessibility;
+  X11Sessions windows;
+  AtspiAccessibility accessibility(windows);
   for (const char* broken : {"unix:path=/nonexistent", "tcp:host=nowhere", ""}) {
     ::setenv("DBUS_SESSION_BUS_ADDRESS", broken, 1);
     const auto session = accessibility.begin(Clock::now() + 5s);
@@ -130,6 +137,21 @@ TEST(AccessibilityFaults, BusThatIsNotThere) {
   }
   ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
   EXPECT_TRUE(accessibility.begin(Clock::now() + 30s)->systemWide());
+}
+
+TEST(AccessibilityFaults, DesktopThatHangs) {
+  const TestServer server({});
+  ASSERT_FALSE(server.display.empty());
+  const UsingDisplay here(server.display);
+  X11Sessions used;
+  ASSERT_TRUE(used.borrow(Clock::now() + 30s));
+  server.signal(SIGSTOP);
+  X11Sessions fresh;
+  for (X11Sessions* sessions : {&used, &fresh}) {
+    AtspiWindows windows(*sessions, Clock::now() + 200ms);
+    EXPECT_TRUE(windows.windowsOf(::getpid()).windows.empty());
+    EXPECT_FALSE(windows.activate(0x200001));
+  }
 }
 
 }  // namespace

@@ -69,7 +69,8 @@ class ToolkitTest : public ::testing::TestWithParam<Toolkit> {
   bool reports(std::string_view line) { return app_.program().waitForLine(line); }
 
   AccessibleApp app_{GetParam().program, GetParam().arguments};
-  AtspiAccessibility accessibility_;
+  X11Sessions windows_;
+  AtspiAccessibility accessibility_{windows_};
   std::unique_ptr<AccessibilitySession> session_;
   std::vector<Met> elements_;
 };

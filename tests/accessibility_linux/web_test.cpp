@@ -20,7 +20,8 @@ TEST(WebPage, IsReadAndOperated) {
   // Its processes end a little after the window's, and would still write there.
   ::setenv("MESA_SHADER_CACHE_DISABLE", "true", 1);
   AccessibleApp app("accessible_web", {});
-  AtspiAccessibility accessibility;
+  X11Sessions windows;
+  AtspiAccessibility accessibility(windows);
   std::unique_ptr<AccessibilitySession> session;
   std::vector<Met> elements;
   // The engine tells of a page only once it was asked, and builds its tree then.

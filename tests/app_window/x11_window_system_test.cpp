@@ -197,6 +197,7 @@ TEST(X11WithoutManager, MovesAndFocusesDirectly) {
     windows = system.windows(std::nullopt).value_or(windows);
     return windows.size() == 1;
   }));
+  EXPECT_EQ(system.screens(), (std::vector<Rect>{{0, 0, 800, 600}}));
   EXPECT_EQ(windows[0].pid, program.pid());
   EXPECT_EQ(windows[0].frame, (Rect{51, 61, 200, 150}));
   EXPECT_EQ(windows[0].frame, X11ScreenSource().windowFrame(windows[0].number));
@@ -222,6 +223,7 @@ TEST(X11Faults, ServerThatHangsOrIsGone) {
   X11WindowSystem withoutConnection(fresh);
   for (X11WindowSystem* system : {&withConnection, &withoutConnection})
     EXPECT_EQ(system->windows(std::nullopt).error(), AXError::cannotComplete);
+  EXPECT_EQ(withConnection.screens().error(), AXError::cannotComplete);
   EXPECT_EQ(withoutConnection.focus(0x200001), AXError::failure);
   server->signal(SIGCONT);
   EXPECT_TRUE(eventually([&] { return withConnection.windows(std::nullopt).has_value(); }));

@@ -156,6 +156,11 @@ void FakeWindowSystem::failListing(std::optional<AXError> error) {
   listFailure_ = error;
 }
 
+void FakeWindowSystem::setScreens(std::vector<Rect> frames) {
+  const MutexLock lock(mutex_);
+  screens_ = std::move(frames);
+}
+
 std::vector<FakeWindowSystem::Entry>::iterator FakeWindowSystem::find(std::uint32_t number) {
   return std::ranges::find_if(frontToBack_,
                               [number](const Entry& each) { return each.first.number == number; });
@@ -194,6 +199,12 @@ std::expected<std::vector<DesktopWindow>, AXError> FakeWindowSystem::windows(
     if (!pid || window.pid == *pid) listed.push_back(window);
   }
   return listed;
+}
+
+std::expected<std::vector<Rect>, AXError> FakeWindowSystem::screens() {
+  const MutexLock lock(mutex_);
+  if (listFailure_) return std::unexpected(*listFailure_);
+  return screens_;
 }
 
 AXError FakeWindowSystem::admit(std::uint32_t window, std::vector<Entry>::iterator& found) {

@@ -70,7 +70,9 @@ class FakeWindowSystem : public WindowSystem {
   void close(std::uint32_t window);
   /// Fault: what every operation but listing answers from now on, and has no effect.
   void failWith(std::optional<AXError> error);
-  /// Fault: listing fails.
+  /// One of 1920 by 1080 points until another is set.
+  void setScreens(std::vector<Rect> frames);
+  /// Fault: listing windows and screens fails.
   void failListing(std::optional<AXError> error);
 
   std::optional<DesktopWindow> window(std::uint32_t number);
@@ -79,6 +81,7 @@ class FakeWindowSystem : public WindowSystem {
   int operations();
 
   std::expected<std::vector<DesktopWindow>, AXError> windows(std::optional<pid_t> pid) override;
+  std::expected<std::vector<Rect>, AXError> screens() override;
   AXError focus(std::uint32_t window) override;
   AXError move(std::uint32_t window, Point to) override;
   AXError resize(std::uint32_t window, double width, double height) override;
@@ -95,6 +98,7 @@ class FakeWindowSystem : public WindowSystem {
   FakeApplications& applications_;
   Mutex mutex_;
   std::vector<Entry> frontToBack_ VESKO_GUARDED_BY(mutex_);
+  std::vector<Rect> screens_ VESKO_GUARDED_BY(mutex_) = {Rect{0, 0, 1920, 1080}};
   std::optional<AXError> failure_ VESKO_GUARDED_BY(mutex_);
   std::optional<AXError> listFailure_ VESKO_GUARDED_BY(mutex_);
   int operations_ VESKO_GUARDED_BY(mutex_) = 0;

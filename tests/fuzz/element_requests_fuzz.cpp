@@ -6,7 +6,6 @@
 
 #include "../fakes/fake_accessibility.h"
 #include "../fakes/fake_applications.h"
-#include "../fakes/fake_screen_source.h"
 #include "base/utf8.h"
 #include "tools/accessibility_control.h"
 #include "tools/element_path.h"
@@ -54,12 +53,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   fakes::FakeApplications applications;
   fakes::FakeAccessibility fake;
-  fakes::FakeScreenSource screen;
+  fakes::FakeWindowSystem windows(applications);
   applications.add({.pid = 7, .bundleIdentifier = "org.a", .name = "A", .startToken = "t"});
   auto& window = fake.application(7).add("AXWindow", "W/1");
   window.add("AXButton", "ok");
   window.add("AXButton", "ok");
-  AccessibilityControl control(fake, applications, screen);
+  AccessibilityControl control(fake, applications, windows);
   if (const auto request = decoded<SnapshotRequest>(body)) {
     const auto answer = control.snapshot(*request);
     if (answer) {

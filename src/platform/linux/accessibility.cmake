@@ -15,5 +15,5 @@ vesko_library(vesko_linux_accessibility
     dbus_address.cpp
     dbus_connection.cpp
     dbus_message.cpp
-  LIBS vesko_linux_x11)
+  LIBS vesko_linux_windows)
 target_link_libraries(vesko_linux_accessibility PRIVATE fmt::fmt)

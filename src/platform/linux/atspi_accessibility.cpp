@@ -43,11 +43,12 @@ std::optional<std::chrono::milliseconds> ageOf(pid_t process) {
 
 class AtspiSession : public AccessibilitySession {
  public:
-  AtspiSession(AtspiBus& pool, AtspiConnection connection, Clock::time_point deadline)
+  AtspiSession(AtspiBus& pool, AtspiConnection connection, X11Sessions& x11,
+               Clock::time_point deadline)
       : pool_(pool),
         bus_(std::move(connection.bus)),
         justEnabled_(connection.justEnabled),
-        context_{bus_.get(), deadline, AtspiObjects(bus_.get()), {}} {}
+        context_{bus_.get(), deadline, AtspiObjects(bus_.get()), AtspiWindows(x11, deadline)} {}
   AtspiSession(const AtspiSession&) = delete;
   AtspiSession& operator=(const AtspiSession&) = delete;
   ~AtspiSession() override {
@@ -158,11 +159,12 @@ class AtspiSession : public AccessibilitySession {
 
 }  // namespace
 
-AtspiAccessibility::AtspiAccessibility(std::chrono::milliseconds keepFor) : bus_(keepFor) {}
+AtspiAccessibility::AtspiAccessibility(X11Sessions& sessions, std::chrono::milliseconds keepFor)
+    : sessions_(sessions), bus_(keepFor) {}
 
 std::unique_ptr<AccessibilitySession> AtspiAccessibility::begin(
     std::chrono::steady_clock::time_point deadline) {
-  return std::make_unique<AtspiSession>(bus_, bus_.acquire(deadline), deadline);
+  return std::make_unique<AtspiSession>(bus_, bus_.acquire(deadline), sessions_, deadline);
 }
 
 }  // namespace vesko

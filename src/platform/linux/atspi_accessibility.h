@@ -11,18 +11,22 @@
 
 #include "platform/accessibility.h"
 #include "platform/linux/atspi_bus.h"
+#include "platform/linux/x11_session.h"
 
 namespace vesko {
 
 class AtspiAccessibility : public Accessibility {
  public:
-  /// A connection is kept so long for the next session.
-  explicit AtspiAccessibility(std::chrono::milliseconds keepFor = std::chrono::seconds(20));
+  /// The X sessions outlive this. A connection to the accessibility bus is kept so long for the
+  /// next session.
+  explicit AtspiAccessibility(X11Sessions& sessions,
+                              std::chrono::milliseconds keepFor = std::chrono::seconds(20));
 
   std::unique_ptr<AccessibilitySession> begin(
       std::chrono::steady_clock::time_point deadline) override;
 
  private:
+  X11Sessions& sessions_;
   AtspiBus bus_;
 };
 

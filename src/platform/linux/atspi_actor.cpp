@@ -319,13 +319,11 @@ AXError AtspiActor::raise(const Target& target) {
     const auto& windows =
         windowsOf(context_, context_.objects.object(target.element).application).windows;
     if (windows.empty()) return AXError::actionUnsupported;
-    return context_.windows.activate(windows.back().id, context_.deadline) ? AXError::success
-                                                                           : AXError::failure;
+    return context_.windows.activate(windows.back().id) ? AXError::success : AXError::failure;
   }
-  const AtspiWindow* found = windowOf(context_, target.element);
+  const X11Window* found = windowOf(context_, target.element);
   if (!found) return AXError::actionUnsupported;
-  return context_.windows.activate(found->id, context_.deadline) ? AXError::success
-                                                                 : AXError::failure;
+  return context_.windows.activate(found->id) ? AXError::success : AXError::failure;
 }
 
 }  // namespace vesko

@@ -28,7 +28,7 @@ struct AtspiContext {
   DBusConnection* bus = nullptr;  ///< null when there is none
   Clock::time_point deadline;
   AtspiObjects objects;
-  AtspiWindows windows = {};
+  AtspiWindows windows;
   bool incomplete = false;
 
   void run() { bus->run(deadline); }

@@ -126,17 +126,18 @@ void AtspiPlaces::placeInWindow(AXElement element, AtspiPlace& place) {
   const AtspiObject& object = context_.objects.object(element);
   const Rect& told = *place.told;
   if (atspiIsWindow(object.role)) {
-    if (const AtspiWindow* window = windowOf(context_, element))
+    if (const X11Window* window = windowOf(context_, element))
       place.origin = contentOrigin(*window, told.w, told.h);
     return;
   }
   // What stands for a popover has its size, but tells a position as if it lay at its parent's.
-  for (const AtspiWindow& popup : windowsOf(context_, object.application).popups) {
-    const double width = popup.rect.w - popup.left - popup.right;
-    const double height = popup.rect.h - popup.top - popup.bottom;
+  for (const X11Window& popup : windowsOf(context_, object.application).popups) {
+    const double width = popup.client.w - popup.shadowLeft - popup.shadowRight;
+    const double height = popup.client.h - popup.shadowTop - popup.shadowBottom;
     if (place.popup == popup.id || width != told.w || height != told.h) continue;
     place.popup = popup.id;
-    place.origin = {popup.rect.x + popup.left - told.x, popup.rect.y + popup.top - told.y};
+    place.origin = {popup.client.x + popup.shadowLeft - told.x,
+                    popup.client.y + popup.shadowTop - told.y};
     place.seenIn.reset();
     return;
   }
@@ -148,7 +149,7 @@ const AtspiWindows::OfProcess& windowsOf(AtspiContext& context, std::uint32_t nu
   return *application.windows;
 }
 
-const AtspiWindow* windowOf(AtspiContext& context, AXElement element) {
+const X11Window* windowOf(AtspiContext& context, AXElement element) {
   for (int depth = 0; depth < maxDepth; ++depth) {
     const AtspiObject& object = context.objects.object(element);
     if (object.parent == element) return nullptr;
@@ -156,12 +157,13 @@ const AtspiWindow* windowOf(AtspiContext& context, AXElement element) {
     element = object.parent;
   }
   const AtspiObject& object = context.objects.object(element);
-  const AtspiWindow* best = nullptr;
+  const X11Window* best = nullptr;
   double bestDifference = 0;
-  for (const AtspiWindow& window : windowsOf(context, object.application).windows) {
+  for (const X11Window& window : windowsOf(context, object.application).windows) {
     // One with the same title, else the one whose size is nearest.
     const Rect told = object.place.told.value_or(Rect{});
-    const double difference = std::abs(window.rect.w - told.w) + std::abs(window.rect.h - told.h) +
+    const double difference = std::abs(window.client.w - told.w) +
+                              std::abs(window.client.h - told.h) +
                               (window.title == object.windowTitle ? 0 : 1e6);
     if (best && difference >= bestDifference) continue;
     best = &window;

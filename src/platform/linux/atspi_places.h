@@ -30,7 +30,7 @@ class AtspiPlaces {
 };
 
 /// The X window in which an element lies; null when none can be told.
-const AtspiWindow* windowOf(AtspiContext& context, AXElement element);
+const X11Window* windowOf(AtspiContext& context, AXElement element);
 
 /// Looked up once a session.
 const AtspiWindows::OfProcess& windowsOf(AtspiContext& context, std::uint32_t application);

@@ -3,54 +3,38 @@
 #pragma once
 
 #include <sys/types.h>
-#include <xcb/xcb.h>
 
-#include <chrono>
-#include <optional>
-#include <string>
-#include <string_view>
 #include <vector>
 
 #include "base/geometry.h"
-#include "platform/linux/x11_connection.h"
+#include "platform/linux/x11_windows.h"
 
 namespace vesko {
 
-struct AtspiWindow {
-  xcb_window_t id = 0;
-  std::string title;
-  Rect rect;  ///< of the X window, without the window manager's frame
-  /// What the toolkit itself draws outside its content, its shadows (_GTK_FRAME_EXTENTS).
-  double left = 0, right = 0, top = 0, bottom = 0;
-};
-
-/// One thread. Connects to the X server at the first question.
+/// One thread; borrows the sessions. Nothing takes longer than until the deadline: what the X
+/// server has not told by then is missing.
 class AtspiWindows {
  public:
   struct OfProcess {
-    std::vector<AtspiWindow> windows;  ///< those that the window manager manages
-    std::vector<AtspiWindow> popups;   ///< menus and popovers that show, the topmost last
+    std::vector<X11Window> windows;  ///< those that the window manager manages, bottom to top
+    std::vector<X11Window> popups;   ///< menus and popovers that show, the topmost last
   };
+
+  AtspiWindows(X11Sessions& sessions, X11Session::Clock::time_point deadline)
+      : sessions_(&sessions), deadline_(deadline) {}
 
   OfProcess windowsOf(pid_t process);
 
-  /// Asks the window manager and waits until it has done so; false when it has not by the deadline.
-  bool activate(xcb_window_t window, std::chrono::steady_clock::time_point deadline);
+  /// Asks the window manager and waits until it has done so; false when it has not within a second.
+  bool activate(xcb_window_t window);
 
  private:
-  std::vector<xcb_window_t> managed();
-  std::vector<xcb_window_t> shownPopups();
-  std::vector<AtspiWindow> describe(const std::vector<xcb_window_t>& windows);
-  xcb_get_property_cookie_t ask(xcb_window_t window, std::string_view property, xcb_atom_t type,
-                                std::uint32_t words);
-  XcbPtr<xcb_get_property_reply_t> answer(xcb_get_property_cookie_t cookie);
-  std::optional<xcb_window_t> active();
-
-  X11Connection x11_;
+  X11Sessions* sessions_;
+  X11Session::Clock::time_point deadline_;
 };
 
-/// Where the content of a window begins on the screen. `size` is the size of the element that
-/// stands for the window.
-Point contentOrigin(const AtspiWindow& window, double width, double height);
+/// Where the content of a window begins on the screen. The size is that of the element that stands
+/// for the window.
+Point contentOrigin(const X11Window& window, double width, double height);
 
 }  // namespace vesko

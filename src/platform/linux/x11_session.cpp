@@ -1,6 +1,7 @@
 #include "platform/linux/x11_session.h"
 
 #include <poll.h>
+#include <xcb/randr.h>
 #include <xcb/res.h>
 #include <xcb/xcbext.h>
 
@@ -78,8 +79,11 @@ std::atomic<int> attempts = 0;
 void connectFor(const std::shared_ptr<Attempt>& attempt) {
   int screenNumber = 0;
   xcb_connection_t* connection = openDisplay(screenNumber);
-  // Asked here because the library waits for this answer without a bound too.
-  if (xcb_connection_has_error(connection) == 0) xcb_get_extension_data(connection, &xcb_res_id);
+  // Asked here because the library waits for these answers without a bound too, once.
+  if (xcb_connection_has_error(connection) == 0) {
+    for (xcb_extension_t* extension : {&xcb_res_id, &xcb_randr_id})
+      xcb_get_extension_data(connection, extension);
+  }
   --attempts;
   const std::lock_guard lock(attempt->mutex);
   if (attempt->abandoned) {

@@ -19,6 +19,17 @@ void pauseUntil(X11Session::Clock::time_point when) {
   ::poll(nullptr, 0, static_cast<int>(std::max<std::int64_t>(left, 0)));
 }
 
+/// The window, or a dialog that has to be answered before the window can be used.
+bool leadsTo(X11Session& x11, xcb_window_t active, xcb_window_t window) {
+  for (int depth = 0; depth < 8 && active != XCB_WINDOW_NONE; ++depth) {
+    if (active == window) return true;
+    const auto read = readWindow(x11, active);
+    if (!read || !read->modal) return false;
+    active = read->transientFor;
+  }
+  return false;
+}
+
 }  // namespace
 
 X11WindowAction::X11WindowAction(X11Session& x11, xcb_window_t window)
@@ -55,6 +66,24 @@ void X11WindowAction::ask(XAtom message, const std::array<std::uint32_t, 5>& dat
 void X11WindowAction::askState(bool add, XAtom first, XAtom second) {
   const std::uint32_t other = second == first ? 0 : x11_.atom(second);
   ask(XAtom::netWmState, {add ? 1U : 0U, x11_.atom(first), other, fromPager, 0});
+}
+
+AXError X11WindowAction::focus(std::chrono::milliseconds bound) {
+  const auto before = read();
+  if (!before) return error();
+  if (managed_) {
+    ask(XAtom::netActiveWindow, {fromPager, XCB_CURRENT_TIME, 0, 0, 0});
+  } else {
+    if (!before->viewable) return AXError::attributeUnsupported;
+    constexpr std::uint32_t above = XCB_STACK_MODE_ABOVE;
+    xcb_configure_window(x11_.connection(), window_, XCB_CONFIG_WINDOW_STACK_MODE, &above);
+    xcb_set_input_focus(x11_.connection(), XCB_INPUT_FOCUS_PARENT, window_, XCB_CURRENT_TIME);
+  }
+  return await(
+      [this](const X11Window& now) {
+        return !now.hidden && leadsTo(x11_, activeWindow(x11_), window_);
+      },
+      bound);
 }
 
 AXError X11WindowAction::await(const Condition& holds, std::chrono::milliseconds bound) {

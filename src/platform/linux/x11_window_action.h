@@ -33,6 +33,10 @@ class X11WindowAction {
   /// Adds states or takes them away; `second` may be the same as `first`.
   void askState(bool add, XAtom first, XAtom second);
 
+  /// Raises the window, restores it when it is minimised and gives it, or a dialog of it that has
+  /// to be answered first, the keyboard; returns as await() does.
+  AXError focus(std::chrono::milliseconds bound);
+
   /// Success once the condition holds and the window has come to rest; failure when it does not
   /// hold within the time.
   AXError await(const Condition& holds, std::chrono::milliseconds bound);

@@ -133,17 +133,6 @@ AXError makeMovable(X11WindowAction& action, const X11Window& window) {
       X11WindowSystem::patience);
 }
 
-/// The window, or a dialog that has to be answered before the window can be used.
-bool leadsTo(X11Session& x11, xcb_window_t active, xcb_window_t window) {
-  for (int depth = 0; depth < 8 && active != XCB_WINDOW_NONE; ++depth) {
-    if (active == window) return true;
-    const auto read = readWindow(x11, active);
-    if (!read || !read->modal) return false;
-    active = read->transientFor;
-  }
-  return false;
-}
-
 }  // namespace
 
 std::expected<std::vector<DesktopWindow>, AXError> X11WindowSystem::windows(
@@ -162,25 +151,18 @@ std::expected<std::vector<DesktopWindow>, AXError> X11WindowSystem::windows(
   return listed;
 }
 
+std::expected<std::vector<Rect>, AXError> X11WindowSystem::screens() {
+  const auto x11 = sessions_.borrow(Clock::now() + listPatience);
+  if (!x11) return std::unexpected(AXError::cannotComplete);
+  auto frames = screenFrames(*x11);
+  if (x11->broken()) return std::unexpected(AXError::cannotComplete);
+  return frames;
+}
+
 AXError X11WindowSystem::focus(std::uint32_t window) {
   const auto x11 = sessions_.borrow(Clock::now() + serverPatience);
   if (!x11) return AXError::failure;
-  X11WindowAction action(*x11, window);
-  const auto before = action.read();
-  if (!before) return action.error();
-  if (action.managed()) {
-    action.ask(XAtom::netActiveWindow, {fromPager, XCB_CURRENT_TIME, 0, 0, 0});
-  } else {
-    if (!before->viewable) return AXError::attributeUnsupported;
-    constexpr std::uint32_t above = XCB_STACK_MODE_ABOVE;
-    xcb_configure_window(x11->connection(), window, XCB_CONFIG_WINDOW_STACK_MODE, &above);
-    xcb_set_input_focus(x11->connection(), XCB_INPUT_FOCUS_PARENT, window, XCB_CURRENT_TIME);
-  }
-  return action.await(
-      [&x11, window](const X11Window& now) {
-        return !now.hidden && leadsTo(*x11, activeWindow(*x11), window);
-      },
-      patience);
+  return X11WindowAction(*x11, window).focus(patience);
 }
 
 AXError X11WindowSystem::move(std::uint32_t window, Point to) {

@@ -20,6 +20,7 @@ class X11WindowSystem : public WindowSystem {
   explicit X11WindowSystem(X11Sessions& sessions) : sessions_(sessions) {}
 
   std::expected<std::vector<DesktopWindow>, AXError> windows(std::optional<pid_t> pid) override;
+  std::expected<std::vector<Rect>, AXError> screens() override;
   AXError focus(std::uint32_t window) override;
   AXError move(std::uint32_t window, Point to) override;
   AXError resize(std::uint32_t window, double width, double height) override;

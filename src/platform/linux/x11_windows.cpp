@@ -1,5 +1,6 @@
 #include "platform/linux/x11_windows.h"
 
+#include <xcb/randr.h>
 #include <xcb/res.h>
 
 #include <algorithm>
@@ -115,7 +116,9 @@ void takeExtents(std::span<const std::uint32_t> decorations, std::span<const std
     return extent(decorations, side) - extent(shadows, side);
   };
   window.shadowLeft = extent(shadows, 0);
+  window.shadowRight = extent(shadows, 1);
   window.shadowTop = extent(shadows, 2);
+  window.shadowBottom = extent(shadows, 3);
   window.left = sideOf(0);
   window.right = sideOf(1);
   window.top = sideOf(2);
@@ -205,7 +208,7 @@ void takeServersPids(X11Session& x11, std::span<X11Window> windows) {
   }
 }
 
-std::vector<xcb_window_t> viewableOnRoot(X11Session& x11) {
+std::vector<xcb_window_t> viewableOnRoot(X11Session& x11, bool popups) {
   xcb_connection_t* const c = x11.connection();
   const auto tree = x11.wait<xcb_query_tree_reply_t>(xcb_query_tree(c, x11.root()));
   if (!tree) return {};
@@ -216,8 +219,8 @@ std::vector<xcb_window_t> viewableOnRoot(X11Session& x11) {
   std::vector<xcb_window_t> found;
   for (std::size_t i = 0; i < all.size(); ++i) {
     const auto reply = x11.wait<xcb_get_window_attributes_reply_t>(asked[i]);
-    if (reply && reply->map_state == XCB_MAP_STATE_VIEWABLE && !reply->override_redirect &&
-        reply->_class == XCB_WINDOW_CLASS_INPUT_OUTPUT)
+    if (reply && reply->map_state == XCB_MAP_STATE_VIEWABLE &&
+        (reply->override_redirect != 0) == popups && reply->_class == XCB_WINDOW_CLASS_INPUT_OUTPUT)
       found.push_back(all[i]);
   }
   return found;
@@ -225,7 +228,7 @@ std::vector<xcb_window_t> viewableOnRoot(X11Session& x11) {
 
 /// A manager updates its two lists one after the other: a window counts that is in either of them.
 std::vector<xcb_window_t> rootList(X11Session& x11, XAtom ordered, XAtom other) {
-  if (!hasWindowManager(x11)) return viewableOnRoot(x11);
+  if (!hasWindowManager(x11)) return viewableOnRoot(x11, false);
   auto windows = readCardinals(x11, x11.root(), ordered);
   for (const xcb_window_t each : readCardinals(x11, x11.root(), other)) {
     if (std::ranges::find(windows, each) == windows.end()) windows.push_back(each);
@@ -261,6 +264,10 @@ std::vector<xcb_window_t> clientWindows(X11Session& x11) {
 
 std::vector<xcb_window_t> stackedWindows(X11Session& x11) {
   return rootList(x11, XAtom::netClientListStacking, XAtom::netClientList);
+}
+
+std::vector<xcb_window_t> popupWindows(X11Session& x11) {
+  return viewableOnRoot(x11, true);
 }
 
 std::vector<X11Window> readWindows(X11Session& x11, std::span<const xcb_window_t> windows) {
@@ -303,6 +310,28 @@ xcb_window_t activeWindow(X11Session& x11) {
     window = tree->parent;
   }
   return XCB_WINDOW_NONE;
+}
+
+std::vector<Rect> screenFrames(X11Session& x11) {
+  xcb_connection_t* const c = x11.connection();
+  std::vector<Rect> frames;
+  const auto* randr = xcb_get_extension_data(c, &xcb_randr_id);
+  if (randr && randr->present) {
+    const auto monitors =
+        x11.wait<xcb_randr_get_monitors_reply_t>(xcb_randr_get_monitors(c, x11.root(), 1));
+    if (monitors) {
+      for (auto each = xcb_randr_get_monitors_monitors_iterator(monitors.get()); each.rem > 0;
+           xcb_randr_monitor_info_next(&each)) {
+        const auto& monitor = *each.data;
+        frames.push_back(
+            {double(monitor.x), double(monitor.y), double(monitor.width), double(monitor.height)});
+      }
+      return frames;
+    }
+  }
+  const auto root = x11.wait<xcb_get_geometry_reply_t>(xcb_get_geometry(c, x11.root()));
+  if (root) frames.push_back({0, 0, double(root->width), double(root->height)});
+  return frames;
 }
 
 }  // namespace vesko
