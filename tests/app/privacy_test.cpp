@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -68,8 +67,10 @@ class PrivacyTest : public ::testing::Test {
   /// The last window is gone with its process, which lets go of its mark at its very end.
   bool waitForNoWindow() {
     if (!desktop.waitUntil([&] { return desktop.applications(program).empty(); })) return false;
-    UniqueFd mark(::open((installation.consents().native() + ".shown").c_str(), O_RDONLY));
-    if (::flock(mark.get(), LOCK_EX) != 0) return false;
+    UniqueFd mark(::open((installation.consents().native() + ".shown").c_str(), O_RDWR));
+    struct flock all{};
+    all.l_type = F_WRLCK;
+    if (::fcntl(mark.get(), F_OFD_SETLKW, &all) != 0) return false;
     mark.reset();
     return !PrivacyWindowMark(installation.consents()).shown();
   }

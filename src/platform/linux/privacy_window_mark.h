@@ -1,6 +1,6 @@
 // A sign on the file system, seen by all processes of the user, that a privacy window is on the
-// screen: an advisory lock (flock) beside the consents, which the system lets go of when the
-// window's process ends, however it ends. Any thread.
+// screen: an advisory read lock (F_OFD_SETLK) on a file beside the consents, which the system lets
+// go of when the window's process ends, however it ends. Any thread.
 #pragma once
 
 #include <expected>
