@@ -74,16 +74,21 @@ PermissionMonitor::ChangeCount PermissionMonitor::changeCount() const {
 
 void PermissionMonitor::beginReading() {
   const std::uint64_t revision = context_.state.permissionRefreshRevision;
-  underWay_ = revision;
   // Taken first: what changes while the probes are asked is found by the next tick.
   const ChangeCount count = changeCount();
-  context_.queue.post([this, weak = std::weak_ptr(alive_), revision, count, &loop = context_.loop,
-                       &probes = context_.probes, &grants = context_.grants] {
+  const bool posted = context_.queue.post([this, weak = std::weak_ptr(alive_), revision, count,
+                                           &loop = context_.loop, &probes = context_.probes,
+                                           &grants = context_.grants] {
     loop.post([this, weak, revision, count, reading = read(probes, grants)] {
       assertMainThread();
       if (weak.lock()) finishReading(revision, count, reading);
     });
   });
+  underWay_ = revision;
+  if (posted) return;
+  // The next tick tries again.
+  underWay_.reset();
+  published_.reset();
 }
 
 void PermissionMonitor::finishReading(std::uint64_t revision, ChangeCount count,

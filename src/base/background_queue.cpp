@@ -15,17 +15,18 @@ SerialQueue::~SerialQueue() {
   if (thread_.joinable()) thread_.join();
 }
 
-void SerialQueue::post(std::move_only_function<void()> job) {
+bool SerialQueue::post(std::move_only_function<void()> job) {
   const std::lock_guard lock(mutex_);
-  jobs_.push_back(std::move(job));
   if (!thread_.joinable()) {
     try {
       thread_ = std::thread([this] { work(); });
     } catch (const std::system_error&) {
-      return;
+      return false;
     }
   }
+  jobs_.push_back(std::move(job));
   wake_.notify_one();
+  return true;
 }
 
 void SerialQueue::work() {

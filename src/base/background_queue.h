@@ -13,12 +13,13 @@ class BackgroundQueue {
  public:
   virtual ~BackgroundQueue() = default;
   /// Any thread. Jobs run one after the other in the order of posting, never before this returns.
-  /// Those that have not begun when the queue is destroyed are dropped.
-  virtual void post(std::move_only_function<void()> job) = 0;
+  /// Those that have not begun when the queue is destroyed are dropped. False when the job cannot
+  /// be run; it is dropped then.
+  [[nodiscard]] virtual bool post(std::move_only_function<void()> job) = 0;
 };
 
-/// A thread of its own, made by the first post; it sleeps while there is nothing to do. Where the
-/// system refuses a thread, jobs wait until a later post finds one.
+/// A thread of its own, made by the first post that the system grants one; it sleeps while there is
+/// nothing to do.
 class SerialQueue : public BackgroundQueue {
  public:
   SerialQueue() = default;
@@ -27,7 +28,7 @@ class SerialQueue : public BackgroundQueue {
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  void post(std::move_only_function<void()> job) override;
+  [[nodiscard]] bool post(std::move_only_function<void()> job) override;
 
  private:
   void work();

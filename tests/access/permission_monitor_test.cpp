@@ -82,6 +82,17 @@ TEST_F(PermissionMonitorTest, aReadingThatWasReplacedIsDropped) {
   EXPECT_TRUE(*state.accessibilityGranted);
 }
 
+TEST_F(PermissionMonitorTest, aReadingThatCouldNotBeginIsTriedAgain) {
+  probes.change([](GrantedPermissions& granted) { granted.accessibility = true; });
+  queue.refuses = true;
+  begin();
+  tick();
+  EXPECT_FALSE(*state.accessibilityGranted);
+  queue.refuses = false;
+  tick();
+  EXPECT_TRUE(*state.accessibilityGranted);
+}
+
 TEST_F(PermissionMonitorTest, nothingFollowsItsStop) {
   begin();
   probes.change([](GrantedPermissions& granted) { granted.screenCapture = true; });

@@ -122,7 +122,10 @@ class FakePermissionRequests : public PermissionRequests {
 /// One thread.
 class StandingQueue : public BackgroundQueue {
  public:
-  void post(std::move_only_function<void()> job) override { jobs.push_back(std::move(job)); }
+  bool post(std::move_only_function<void()> job) override {
+    if (!refuses) jobs.push_back(std::move(job));
+    return !refuses;
+  }
   void run() {
     while (!jobs.empty()) {
       auto job = std::move(jobs.front());
@@ -132,6 +135,7 @@ class StandingQueue : public BackgroundQueue {
   }
 
   std::deque<std::move_only_function<void()>> jobs;
+  bool refuses = false;
 };
 
 }  // namespace vesko::fakes
