@@ -47,6 +47,13 @@ bool meansUnreachable(LocalErrorCode code) {
 
 }  // namespace
 
+std::string plainText(const json::Value* value) {
+  if (!value || value->isNull()) return "-";
+  if (const std::string* text = value->asString()) return *text;
+  if (const auto flag = value->asBool()) return *flag ? "yes" : "no";
+  return json::serialize(*value).value_or("-");
+}
+
 std::expected<json::Value, int> CommandSession::call(const std::string& method,
                                                      const std::string& path,
                                                      std::optional<json::Value> body) {

@@ -67,6 +67,9 @@ inline constexpr std::string_view consentGranted = "granted";
 inline constexpr std::string_view consentDenied = "denied";
 inline constexpr std::string_view consentUndetermined = "not_determined";
 
+/// How a value of an answer reads in plain text; "-" for none.
+std::string plainText(const json::Value* value);
+
 class CommandSession {
  public:
   CommandSession(const Invocation& invocation, const CommandEnvironment& environment)
