@@ -276,6 +276,13 @@ TEST(PictureCodecTest, RefusesHugeSizesBeforeTheyAreTaken) {
     ASSERT_FALSE(image);
     EXPECT_EQ(image.error(), PictureError::tooLarge);
   }
+  // What is coded counts, not what the file says of it.
+  const std::string lying = converted("", "a.heic", pngFile(quarteredPicture({2000, 1600})));
+  const auto declared = lying.find("ispe");
+  ASSERT_NE(declared, std::string::npos);
+  const auto refused = decode(patched(lying, declared + 8, bigEndian(64) + bigEndian(64)));
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error(), PictureError::tooLarge);
   EXPECT_FALSE(decode(webpWithExif(webp, {16384, 16384}, exifData(1))));
 }
 

@@ -1,6 +1,6 @@
 # Picture files and the photo library.
 pkg_check_modules(PICTURES REQUIRED IMPORTED_TARGET
-  libjpeg spng libwebp libwebpdemux libheif libtiff-4 lcms2)
+  libjpeg spng libwebp libwebpdemux libheif libde265 libtiff-4 lcms2)
 find_package(GIF REQUIRED)
 
 vesko_library(vesko_linux_pictures
@@ -13,6 +13,7 @@ vesko_library(vesko_linux_pictures
     pictures/decode_tiff.cpp
     pictures/decode_webp.cpp
     pictures/exif_orientation.cpp
+    pictures/hevc_decoder.cpp
     pictures/jpeg_encoder.cpp
     pictures/linux_picture_codec.cpp
     pictures/picture_raster.cpp

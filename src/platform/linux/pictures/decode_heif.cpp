@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/mutex.h"
+#include "platform/linux/pictures/hevc_decoder.h"
 #include "platform/linux/pictures/picture_decoders.h"
 #include "platform/linux/pictures/picture_raster.h"
 #include "platform/linux/pictures/pixel_rows.h"
@@ -10,9 +12,10 @@
 namespace vesko {
 namespace {
 
-constexpr int maxSide = 16384;
 /// The library's planes, the frames of its decoder and its conversion.
 constexpr std::uint64_t decoderBytes = 8;
+constexpr int maxSide = 16384;
+constexpr std::uint64_t maxPixels = maxPictureBytes / (decoderBytes + sizeof(std::uint32_t));
 
 template <auto release>
 struct Release {
@@ -44,9 +47,29 @@ ColorTransform colorsOf(const heif_image_handle* handle) {
   return {profile, PixelContent::bgra};
 }
 
+/// What a file declares is what may be decoded: neither frames nor the canvas on which tiles are
+/// put together may be larger. False when that is too large itself.
+bool boundByDeclaredSize(heif_context* context, const heif_image_handle* handle) {
+  // Before it is clipped and turned.
+  const int width = std::max(heif_image_handle_get_ispe_width(handle), 1);
+  const int height = std::max(heif_image_handle_get_ispe_height(handle), 1);
+  const auto area = [=](int beyond) {
+    return static_cast<std::uint64_t>(width + beyond) * static_cast<std::uint64_t>(height + beyond);
+  };
+  if (area(0) > maxPixels) return false;
+  // Frames are whole blocks; tiles reach beyond the edge, and two are decoded at a time.
+  constexpr int overhang = 1024;
+  boundHevcFrames(2 * area(overhang));
+  heif_context_set_maximum_image_size_limit(context, std::max(width, height) + 1);
+  return true;
+}
+
 }  // namespace
 
 std::expected<Image, PictureError> decodeHeifPicture(std::span<const std::byte> file) {
+  // One at a time: all frames that are being decoded count together.
+  static Mutex decoding;
+  const MutexLock lock(decoding);
   const Context context(heif_context_alloc());
   if (!context) return std::unexpected(PictureError::tooLarge);
   heif_context_set_maximum_image_size_limit(context.get(), maxSide);
@@ -60,6 +83,8 @@ std::expected<Image, PictureError> decodeHeifPicture(std::span<const std::byte> 
       failed(error))
     return std::unexpected(meaning(error));
   const Handle handle(found);
+  if (!boundByDeclaredSize(context.get(), handle.get()))
+    return std::unexpected(PictureError::tooLarge);
 
   const bool hasAlpha = heif_image_handle_has_alpha_channel(handle.get()) != 0;
   const bool premultiplied = heif_image_handle_is_premultiplied_alpha(handle.get()) != 0;
