@@ -29,8 +29,10 @@ class OneFile : public PhotoLibrary {
     return std::vector<PhotoResource>{
         {PhotoResource::Kind::photo, path_.filename().native(), "", path_.native()}};
   }
-  Result<PhotoBytes> bytes(const PhotoResource&) override {
-    auto content = readFile(path_, 1 << 28);
+  Result<std::optional<PhotoBytes>> bytes(const PhotoResource&, std::size_t maxBytes) override {
+    std::error_code error;
+    if (std::filesystem::file_size(path_, error) > maxBytes && !error) return std::nullopt;
+    auto content = readFile(path_, maxBytes);
     if (!content) return std::unexpected(PhotoLibraryError{content.error().message()});
     const auto held = std::make_shared<std::string>(std::move(*content));
     return PhotoBytes{std::as_bytes(std::span(*held)), held};

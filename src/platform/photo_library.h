@@ -64,8 +64,10 @@ class PhotoLibrary {
   virtual Result<void> forEachIdentifier(
       const std::function<void(std::string_view localIdentifier)>& visit) = 0;
   virtual Result<std::vector<PhotoResource>> resources(const PhotoAsset& asset) = 0;
-  /// The whole file; an error when it is not on this machine.
-  virtual Result<PhotoBytes> bytes(const PhotoResource& resource) = 0;
+  /// The whole file, or nothing when it is longer than `maxBytes`, of which no more than that is
+  /// ever held; an error when it is not on this machine.
+  virtual Result<std::optional<PhotoBytes>> bytes(const PhotoResource& resource,
+                                                  std::size_t maxBytes) = 0;
 };
 
 }  // namespace vesko

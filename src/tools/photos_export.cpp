@@ -162,14 +162,12 @@ std::expected<ExportResponse, ExportError> PhotosExportService::exportPhoto(
   if (!asset) return std::unexpected(asset.error());
   const auto resource = choose(*asset);
   if (!resource) return std::unexpected(resource.error());
-  auto file = library_.bytes(*resource);
-  if (!file)
-    return fail(Kind::originalUnavailable,
-                "Could not fetch the original Photos asset: " + file.error().message);
 
   const std::string_view type = passthroughType(*resource);
-  if (type.empty() || file->bytes.size() > budget)
-    return transcode(std::move(*file), resource->originalFilename, budget);
+  if (type.empty()) return transcode(*resource, budget);
+  const auto file = fetch(*resource, budget);
+  if (!file) return std::unexpected(file.error());
+  if (!*file) return transcode(*resource, budget);
   const std::string_view name = lastComponent(resource->originalFilename);
   ExportResponse response{.dataBase64 = {},
                           .mimeType = std::string(type),
@@ -177,7 +175,7 @@ std::expected<ExportResponse, ExportError> PhotosExportService::exportPhoto(
                           .width = std::max(1, asset->size.width),
                           .height = std::max(1, asset->size.height),
                           .transcoded = false};
-  appendBase64(response.dataBase64, file->bytes);
+  appendBase64(response.dataBase64, (*file)->bytes);
   return response;
 }
 
@@ -209,12 +207,25 @@ std::expected<PhotoResource, ExportError> PhotosExportService::choose(const Phot
   return fail(Kind::originalUnavailable);
 }
 
+std::expected<std::optional<PhotoBytes>, ExportError> PhotosExportService::fetch(
+    const PhotoResource& resource, std::size_t maxBytes) {
+  auto file = library_.bytes(resource, maxBytes);
+  if (file) return std::move(*file);
+  return fail(Kind::originalUnavailable,
+              "Could not fetch the original Photos asset: " + file.error().message);
+}
+
 std::expected<ExportResponse, ExportError> PhotosExportService::transcode(
-    PhotoBytes file, std::string_view originalFilename, std::size_t budget) {
+    const PhotoResource& resource, std::size_t budget) {
   const MutexLock lock(transcoding_);
-  const auto image = codec_.decode(file.bytes);
+  auto file = fetch(resource, maxFileBytes);
+  if (!file) return std::unexpected(file.error());
+  if (!*file)
+    return fail(Kind::originalUnavailable,
+                "Could not fetch the original Photos asset: its file is too large");
+  const auto image = codec_.decode((*file)->bytes);
   if (!image) return fail(Kind::imageEncodingFailed);
-  file = {};  // its pixels take its place
+  file->reset();  // its pixels take its place
 
   struct Candidate {
     PixelSize size;
@@ -237,7 +248,7 @@ std::expected<ExportResponse, ExportError> PhotosExportService::transcode(
     if (!length) return fail(Kind::imageEncodingFailed);
     ExportResponse response{.dataBase64 = {},
                             .mimeType = "image/jpeg",
-                            .filename = transcodedName(originalFilename),
+                            .filename = transcodedName(resource.originalFilename),
                             .width = size.width,
                             .height = size.height,
                             .transcoded = true};

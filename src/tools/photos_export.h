@@ -1,8 +1,9 @@
 // One picture of the user's photo library under a byte budget: the file as it is where that fits,
 // else a JPEG of falling quality, then of falling size.
 //
-// Any thread, several at once; pictures are decoded and reduced one after another, so that one
-// picture's memory is the most that all requests together take.
+// Any thread, several at once. What goes out as it is takes no more than its budget. All else is
+// fetched, decoded and reduced one after another, so that one picture's memory, its file and its
+// pixels, is the most that all requests together take beside that.
 #pragma once
 
 #include <array>
@@ -81,6 +82,8 @@ struct ExportError {
 class PhotosExportService {
  public:
   static constexpr std::int64_t maxMaxBytes = 4'500'000;
+  /// Larger originals are not fetched.
+  static constexpr std::size_t maxFileBytes = 256 << 20;
   static constexpr std::array<double, 3> fullSizeQualities = {0.85, 0.7, 0.55};
   static constexpr std::array<int, 3> reducedSides = {4096, 2048, 1600};
   static constexpr double reducedQuality = 0.55;
@@ -99,8 +102,9 @@ class PhotosExportService {
   bool permitted() const;
   Result<PhotoAsset> find(const std::string& uuid);
   Result<PhotoResource> choose(const PhotoAsset& asset);
-  Result<ExportResponse> transcode(PhotoBytes file, std::string_view originalFilename,
-                                   std::size_t budget);
+  /// Nothing when the file is longer than `maxBytes`.
+  Result<std::optional<PhotoBytes>> fetch(const PhotoResource& resource, std::size_t maxBytes);
+  Result<ExportResponse> transcode(const PhotoResource& resource, std::size_t budget);
 
   PhotoLibrary& library_;
   PictureCodec& codec_;

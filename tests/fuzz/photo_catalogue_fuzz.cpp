@@ -25,9 +25,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto resources = library.resources(**asset);
     if (!resources) continue;
     for (const PhotoResource& resource : *resources) {
-      const auto file = library.bytes(resource);
+      const auto file = library.bytes(resource, 100);
       // There is nothing else below originals/ that a name could lead to.
-      if (file && file->bytes.size() != 1) std::abort();
+      if (file && (!*file || (*file)->bytes.size() != 1)) std::abort();
     }
   }
   if (support::contentOf(catalogue) != content) std::abort();

@@ -24,13 +24,14 @@ class PhotoLibraryTest : public testing::Test {
     return usable ? "" : usable.error().message;
   }
   /// The content or the error of the asset's first resource.
-  std::string fetched(const std::string& identifier) {
+  std::string fetched(const std::string& identifier, std::size_t maxBytes = 100) {
     const auto resources = library_.resources({identifier, PhotoMedia::image, {}});
     if (!resources) return resources.error().message;
     if (resources->empty()) return "no resource";
-    const auto file = library_.bytes(resources->front());
+    const auto file = library_.bytes(resources->front(), maxBytes);
     if (!file) return file.error().message;
-    return {reinterpret_cast<const char*>(file->bytes.data()), file->bytes.size()};
+    if (!*file) return "too long";
+    return {reinterpret_cast<const char*>((*file)->bytes.data()), (*file)->bytes.size()};
   }
   /// Every file of the package with its content.
   std::map<std::string, std::string> inventory() const {
@@ -90,7 +91,8 @@ TEST_F(PhotoLibraryTest, DoesWithoutColumnsThatOlderLibrariesLack) {
       "INSERT INTO ZASSET VALUES(1,'AB',NULL,'b.jpg',0)");
   package_.original("b.jpg", "b");
   EXPECT_EQ((*asset("AB/L0/001"))->size, (PixelSize{0, 0}));
-  EXPECT_EQ(fetched("AB/L0/001"), "b");
+  EXPECT_EQ(fetched("AB/L0/001", 1), "b");
+  EXPECT_EQ(fetched("AB/L0/001", 0), "too long");
 }
 
 TEST_F(PhotoLibraryTest, ARenderStandsInForAMissingOriginal) {

@@ -25,6 +25,8 @@ class MemoryLibrary : public PhotoLibrary {
   };
   std::vector<Entry> entries;
   std::map<std::string, std::string, std::less<>> files;
+  std::vector<std::size_t> asked;  ///< how many bytes at most, file after file
+  bool endless = false;            ///< every file is too long
   std::optional<std::string> problem;
   int enumerations = 0;
 
@@ -56,9 +58,12 @@ class MemoryLibrary : public PhotoLibrary {
     }
     return {};
   }
-  Result<PhotoBytes> bytes(const PhotoResource& resource) override {
+  Result<std::optional<PhotoBytes>> bytes(const PhotoResource& resource,
+                                          std::size_t maxBytes) override {
+    asked.push_back(maxBytes);
     const auto file = files.find(resource.location);
     if (file == files.end()) return std::unexpected(PhotoLibraryError{"it is far away"});
+    if (endless || file->second.size() > maxBytes) return std::nullopt;
     return PhotoBytes{bytesOf(file->second), nullptr};
   }
 
@@ -187,11 +192,17 @@ TEST_F(PhotosExportTest, HandsOverWhatFits) {
     EXPECT_EQ(answer->height, 3024);
     EXPECT_FALSE(answer->transcoded);
     // One byte more than the budget, and it would have to be a picture.
+    library_.asked.clear();
     EXPECT_EQ(exported("X", 7).error().kind, Kind::imageEncodingFailed);
+    EXPECT_EQ(library_.asked, (std::vector<std::size_t>{7, PhotosExportService::maxFileBytes}));
   }
   library_.entries.clear();
   library_.add("X/L0/001", "x.heic", "anything", {}, "public.heic");
   EXPECT_EQ(exported("X").error().kind, Kind::imageEncodingFailed);
+  library_.endless = true;
+  EXPECT_EQ(exported("X").error().message,
+            "Could not fetch the original Photos asset: its file is too large");
+  library_.endless = false;
   library_.add("Y/L0/001", "y.jpg", std::string(4'500'001, 'x'));
   EXPECT_EQ(exported("Y", 10'000'000).error().kind, Kind::imageEncodingFailed);
   library_.files["Y/L0/001"].pop_back();

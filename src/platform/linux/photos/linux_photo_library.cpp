@@ -161,8 +161,8 @@ std::expected<std::vector<PhotoResource>, PhotoLibraryError> LinuxPhotoLibrary::
   return resources;
 }
 
-std::expected<PhotoBytes, PhotoLibraryError> LinuxPhotoLibrary::bytes(
-    const PhotoResource& resource) {
+std::expected<std::optional<PhotoBytes>, PhotoLibraryError> LinuxPhotoLibrary::bytes(
+    const PhotoResource& resource, std::size_t maxBytes) {
   const auto package = openPackage(location_);
   if (!package) return std::unexpected(package.error());
   const auto file = package->file(resource.location);
@@ -170,7 +170,8 @@ std::expected<PhotoBytes, PhotoLibraryError> LinuxPhotoLibrary::bytes(
     return problem(file.error() == std::errc::no_such_file_or_directory
                        ? "its file is not on this machine"
                        : "its file cannot be opened: " + file.error().message());
-  auto bytes = readWhole(*file, maxFileBytes);
+  auto bytes = readWhole(*file, maxBytes);
+  if (!bytes && bytes.error() == std::errc::file_too_large) return std::nullopt;
   if (!bytes) return problem("its file cannot be read: " + bytes.error().message());
   if (bytes->bytes.empty()) return problem("its file is empty");
   return std::move(*bytes);

@@ -17,9 +17,6 @@ namespace vesko {
 
 class LinuxPhotoLibrary : public PhotoLibrary {
  public:
-  /// Larger originals are not read.
-  static constexpr std::size_t maxFileBytes = 256 << 20;
-
   /// Where the package is now; nothing for no library. Any thread, asked for every call.
   using Location = std::function<std::optional<std::filesystem::path>()>;
 
@@ -30,7 +27,8 @@ class LinuxPhotoLibrary : public PhotoLibrary {
       std::span<const std::string> localIdentifiers) override;
   Result<void> forEachIdentifier(const std::function<void(std::string_view)>& visit) override;
   Result<std::vector<PhotoResource>> resources(const PhotoAsset& asset) override;
-  Result<PhotoBytes> bytes(const PhotoResource& resource) override;
+  Result<std::optional<PhotoBytes>> bytes(const PhotoResource& resource,
+                                          std::size_t maxBytes) override;
 
  private:
   Location location_;

@@ -46,9 +46,10 @@ std::expected<std::vector<PhotoResource>, PhotoLibraryError> LinuxPhotos::resour
   return backEnd ? backEnd->library->resources(asset) : std::unexpected(missing());
 }
 
-std::expected<PhotoBytes, PhotoLibraryError> LinuxPhotos::bytes(const PhotoResource& resource) {
+std::expected<std::optional<PhotoBytes>, PhotoLibraryError> LinuxPhotos::bytes(
+    const PhotoResource& resource, std::size_t maxBytes) {
   const auto* backEnd = loaded();
-  return backEnd ? backEnd->library->bytes(resource) : std::unexpected(missing());
+  return backEnd ? backEnd->library->bytes(resource, maxBytes) : std::unexpected(missing());
 }
 
 std::expected<Image, PictureError> LinuxPhotos::decode(std::span<const std::byte> file) {

@@ -34,7 +34,8 @@ class LinuxPhotos final : public PhotoLibrary, public PictureCodec {
       std::span<const std::string> localIdentifiers) override;
   Result<void> forEachIdentifier(const std::function<void(std::string_view)>& visit) override;
   Result<std::vector<PhotoResource>> resources(const PhotoAsset& asset) override;
-  Result<PhotoBytes> bytes(const PhotoResource& resource) override;
+  Result<std::optional<PhotoBytes>> bytes(const PhotoResource& resource,
+                                          std::size_t maxBytes) override;
 
   std::expected<Image, PictureError> decode(std::span<const std::byte> file) override;
   std::expected<std::size_t, JpegError> encodeJpeg(PixelSize size, double quality,
