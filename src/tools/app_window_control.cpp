@@ -6,7 +6,7 @@
 #include <array>
 #include <cmath>
 
-#include "base/text.h"
+#include "base/case_fold.h"
 
 namespace vesko {
 namespace {
@@ -24,19 +24,21 @@ std::unexpected<ControlError> invalid(std::string_view message) {
   return std::unexpected(ControlError::invalid(std::string(message)));
 }
 
-/// Those with the name exactly, or when there is none, those whose name differs in case only.
+/// Those with the name exactly, or when there is none, those whose name differs in case only. No
+/// name names nothing, not even what has none.
 template <class T, class NamesOf>
 std::vector<T> named(const std::vector<T>& candidates, const std::string& name,
                      const NamesOf& namesOf) {
-  const std::string folded = lowerAscii(name);
   std::vector<T> exact;
   std::vector<T> similar;
+  if (name.empty()) return exact;
+  const std::string folded = foldCase(name);
   for (const T& candidate : candidates) {
     bool same = false;
     bool like = false;
     for (const std::string_view given : namesOf(candidate)) {
       same = same || given == name;
-      like = like || lowerAscii(given) == folded;
+      like = like || foldCase(given) == folded;
     }
     if (same)
       exact.push_back(candidate);

@@ -29,7 +29,7 @@ namespace vesko {
 
 /// Names one application by exactly one of the two. A name is that of a running application first,
 /// then of an installed one; where several differ in case alone, the exact one counts, and else
-/// the case of ASCII letters does not matter.
+/// case does not matter.
 struct AppRequest {
   std::optional<std::string> bundleID = {};
   std::optional<std::string> name = {};

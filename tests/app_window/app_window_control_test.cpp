@@ -62,6 +62,7 @@ class AppWindowTest : public testing::Test {
 };
 
 TEST_F(AppWindowTest, FindsApplications) {
+  applications.add({.pid = 14});
   expect({
       {"/app/launch", "{}", notOne},
       {"/app/quit", R"({"bundle_id":"a","name":"b"})", notOne},
@@ -73,6 +74,8 @@ TEST_F(AppWindowTest, FindsApplications) {
       {"/app/quit", R"({"name":"Paint"})", noApplication},
       {"/window/list", R"({"name":"nobody"})", noApplication},
       {"/app/launch", R"({"bundle_id":"../etc"})", noApplication},
+      {"/app/quit", R"({"name":""})", noApplication},
+      {"/app/activate", R"({"name":"ÉDITEUR"})", ok},
       {"/app/launch", R"({"name":"Broken"})",
        R"(400 {"message":"application launch failed: no such file"})"},
       {"/app/launch", R"({"name":"paint"})", R"(200 {"ok":true,"pid":5000})"},
