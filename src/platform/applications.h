@@ -64,7 +64,8 @@ class Applications {
   /// seconds.
   virtual bool activate(const RunningApplication& application) = 0;
   /// Asks it to quit as its user would; true once it has ended, or has taken the request and asks
-  /// its user first, as about an unsaved document; false when it refuses or does not react.
+  /// its user first, as about an unsaved document; false when it refuses, does not react, or works
+  /// on without windows.
   virtual bool quit(const RunningApplication& application) = 0;
 };
 

@@ -214,7 +214,8 @@ TEST_F(LinuxApplicationsTest, QuitsAsTheUserWould) {
       {{app, "ask"}, true, false},
       {{app, "refuse"}, false, false},
       {{app, "stay"}, true, true},
-      {{app, "stay", "id=org.vesko.Stay"}, true, true},
+      {{app, "stay", "quits", "id=org.vesko.Quits"}, true, true},
+      {{app, "stay", "id=org.vesko.Stay"}, false, false},
       {{"xterm"}, true, true},
       {{"xclock"}, true, true},
   };

@@ -101,14 +101,16 @@ void askToClose(X11Session& x11, xcb_window_t window) {
                  reinterpret_cast<const char*>(&event));
 }
 
-/// An application without windows: by its own action where it has one, else by the signal that
-/// asks every program to end.
-void askToEnd(const RunningApplication& application, int pidfd, bool overBus) {
-  if (overBus && !application.bundleIdentifier.empty()) {
-    if (auto bus = SessionBus::open();
-        bus && bus->owner(application.bundleIdentifier, busPatience) == application.pid &&
+/// An application that lives on without windows: by its own action where it has one, else by the
+/// signal that asks every program to end. One that serves others by a name on the bus is left to
+/// itself: a file manager may still be copying, and ends when it is done.
+void endWindowless(const RunningApplication& application, int pidfd) {
+  auto bus = SessionBus::open();
+  if (bus) {
+    if (bus->owner(application.bundleIdentifier, busPatience) == application.pid &&
         bus->quit(application.bundleIdentifier, busPatience))
       return;
+    if (bus->offersService(application.pid, busPatience)) return;
   }
   pidfd_send_signal(pidfd, SIGTERM, nullptr, 0);
 }
@@ -356,14 +358,14 @@ bool LinuxApplications::quit(const RunningApplication& application) {
       asked = now;
       askAgain = Clock::now() + quitPatience / 2;
       ending = std::ranges::none_of(now, &X11Window::canDelete);
-      if (ending) askToEnd(application, pidfd.get(), false);
+      if (ending) pidfd_send_signal(pidfd.get(), SIGTERM, nullptr, 0);
     }
     if (!now.empty())
       windowless.reset();
     else if (!windowless)
       windowless = Clock::now();
     if (windowless && !ending && Clock::now() >= *windowless + windowlessPatience) {
-      askToEnd(application, pidfd.get(), true);
+      endWindowless(application, pidfd.get());
       ending = true;
     }
     auto next = until;

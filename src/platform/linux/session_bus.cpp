@@ -97,6 +97,28 @@ std::optional<pid_t> SessionBus::owner(const std::string& name, milliseconds bou
   return static_cast<pid_t>(pid);
 }
 
+bool SessionBus::offersService(pid_t pid, milliseconds bound) {
+  const auto until = std::chrono::steady_clock::now() + bound;
+  sd_bus_message* answer = nullptr;
+  sd_bus_message* made = nullptr;
+  if (sd_bus_message_new_method_call(bus_.get(), &made, busName, "/org/freedesktop/DBus", busName,
+                                     "ListNames") < 0)
+    return false;
+  const Message message(made);
+  if (sd_bus_call(bus_.get(), message.get(), microseconds(bound), nullptr, &answer) < 0)
+    return false;
+  const Message reply(answer);
+  if (sd_bus_message_enter_container(reply.get(), 'a', "s") < 0) return false;
+  const char* name = nullptr;
+  while (sd_bus_message_read(reply.get(), "s", &name) > 0) {
+    const auto left = std::chrono::ceil<milliseconds>(until - std::chrono::steady_clock::now());
+    if (left <= left.zero()) return false;
+    const bool unique = name[0] == ':';
+    if (!unique && owner(name, left) == pid) return true;
+  }
+  return false;
+}
+
 bool SessionBus::quit(const std::string& id, milliseconds bound) {
   const std::string path = objectPath(id);
   if (!isAddressable(id, path)) return false;

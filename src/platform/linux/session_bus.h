@@ -31,6 +31,8 @@ class SessionBus {
   std::expected<void, Failure> activate(const std::string& id, std::chrono::milliseconds bound);
   /// The process that owns the name.
   std::optional<pid_t> owner(const std::string& name, std::chrono::milliseconds bound);
+  /// The process owns a name by which others find it, whichever that is.
+  bool offersService(pid_t pid, std::chrono::milliseconds bound);
   /// True when the application has an action to quit and took it.
   bool quit(const std::string& id, std::chrono::milliseconds bound);
 

@@ -1,7 +1,7 @@
 // GTK 3 windows for the tests of window management. Arguments, in any order: "csd" for a header bar
 // of its own, "fixed" for a window of one size, "ask" for a dialog before it closes, "refuse" for
 // ignoring that it should close, "stay" for living on without windows, "id=ID" for an application
-// that keeps to one instance, "title=TITLE".
+// that keeps to one instance, "quits" for an action of it that ends it, "title=TITLE".
 // Ends without clean-up, which a leak checker would take for leaks of the toolkit.
 #include <gtk/gtk.h>
 
@@ -13,7 +13,7 @@
 namespace {
 
 struct Options {
-  bool csd = false, fixed = false, ask = false, refuse = false, stay = false;
+  bool csd = false, fixed = false, ask = false, refuse = false, stay = false, quits = false;
   std::string id, title = "GTK 3 window";
 } options;
 
@@ -50,6 +50,10 @@ GtkWidget* makeWindow(GtkApplication* application) {
   return window;
 }
 
+void quitAction(GSimpleAction*, GVariant*, gpointer application) {
+  g_application_quit(G_APPLICATION(application));
+}
+
 void activated(GtkApplication* application, gpointer) {
   makeWindow(application);
 }
@@ -64,6 +68,7 @@ int main(int argc, char** argv) {
     if (argument == "ask") options.ask = true;
     if (argument == "refuse") options.refuse = true;
     if (argument == "stay") options.stay = true;
+    if (argument == "quits") options.quits = true;
     if (argument.starts_with("id=")) options.id = argument.substr(3);
     if (argument.starts_with("title=")) options.title = argument.substr(6);
   }
@@ -71,6 +76,11 @@ int main(int argc, char** argv) {
     GtkApplication* application = gtk_application_new(options.id.c_str(), G_APPLICATION_DEFAULT_FLAGS);
     g_signal_connect(application, "activate", G_CALLBACK(activated), nullptr);
     if (options.stay) g_application_hold(G_APPLICATION(application));
+    if (options.quits) {
+      GSimpleAction* quit = g_simple_action_new("quit", nullptr);
+      g_signal_connect(quit, "activate", G_CALLBACK(quitAction), application);
+      g_action_map_add_action(G_ACTION_MAP(application), G_ACTION(quit));
+    }
     std::_Exit(g_application_run(G_APPLICATION(application), 1, argv));
   }
   gtk_init(&argc, &argv);
