@@ -38,6 +38,7 @@ Environment testEnvironment() {
   }
   environment["VESKOKIT_SECRET"] = "mine";
   environment["DESKTOP_STARTUP_ID"] = "mine";
+  environment["PATH"] = (data / "bin").string() + ":" + environment["PATH"];
   return environment;
 }
 
@@ -157,6 +158,19 @@ TEST_F(LinuxApplicationsTest, AnswersWithTheInstanceThatRuns) {
   EXPECT_GT(windowsOf(bus.pid), 0U);
   EXPECT_EQ(bus.bundleIdentifier, "org.vesko.Bus");
   EXPECT_EQ(launch("org.vesko.Bus"), std::to_string(bus.pid));
+}
+
+TEST_F(LinuxApplicationsTest, FindsTheTerminalThatAServerShows) {
+  const Program other({"xclock"});
+  ASSERT_TRUE(shows(other));
+  const auto emulator = data / "bin/x-terminal-emulator";
+  std::filesystem::create_directories(emulator.parent_path());
+  std::ofstream(emulator) << "#!/bin/sh\nexec setsid -f xterm \"$@\"\n";
+  std::filesystem::permissions(emulator, std::filesystem::perms::owner_all);
+  install("org.vesko.Terminal", "Terminal=true\nExec=cat");
+  const pid_t pid = std::atoi(launch("org.vesko.Terminal").c_str());
+  EXPECT_EQ(outputOf({"ps", "-o", "comm=", "-p", std::to_string(pid)}), "xterm\n");
+  EXPECT_EQ(windowsOf(pid), 1U);
 }
 
 TEST_F(LinuxApplicationsTest, KnowsProcesses) {

@@ -125,7 +125,24 @@ std::optional<pid_t> ownerOfWindow(X11Session& x11, pid_t leader) {
   return found;
 }
 
+/// A terminal emulator hands over to a server of its own, which shows the window.
+std::optional<pid_t> ownerOfNewWindow(X11Session& x11, const std::vector<xcb_window_t>& before) {
+  for (const X11Window& each : ordinaryWindows(x11)) {
+    if (std::ranges::find(before, each.id) == before.end()) return each.pid;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
+
+/// A command that is being started.
+struct LinuxApplications::Launch {
+  const InstalledEntry& entry;
+  X11Session* x11 = nullptr;              ///< null without a server to tell of windows
+  std::vector<xcb_window_t> before = {};  ///< the windows there were, for a terminal's program
+  const DetachedProcess* process = nullptr;
+  bool reaped = false;
+};
 
 LinuxApplications::LinuxApplications(MainLoop& loop, X11Sessions& sessions, WindowSystem& windows,
                                      Environment environment)
@@ -233,45 +250,50 @@ std::expected<pid_t, std::string> LinuxApplications::launchOverBus(const Install
 }
 
 std::expected<pid_t, std::string> LinuxApplications::launchCommand(const InstalledEntry& entry) {
+  const auto x11 = sessions_.borrow(Clock::now() + launchPatience + serverPatience);
+  Launch launch{.entry = entry};
+  if (x11) {
+    launch.x11 = &*x11;
+    watchWindows(*x11);
+    if (entry.entry.terminal) launch.before = clientWindows(*x11);
+  }
   auto process = startDetached(entry, environment_);
   if (!process) return std::unexpected(std::move(process.error()));
-  bool reaped = false;
-  auto pid = awaitStart(entry, *process, reaped);
-  if (!reaped) reapLater(std::move(*process));
+  launch.process = &*process;
+  auto pid = awaitStart(launch);
+  if (!launch.reaped) reapLater(std::move(*process));
   return pid;
 }
 
-std::expected<pid_t, std::string> LinuxApplications::awaitStart(const InstalledEntry& entry,
-                                                                DetachedProcess& process,
-                                                                bool& reaped) {
-  const auto begun = Clock::now();
-  auto until = begun + launchPatience;
-  const auto lease = sessions_.borrow(until + serverPatience);
-  X11Session* const x11 = lease ? &*lease : nullptr;
-  if (x11)
-    watchWindows(*x11);
-  else
-    until = begun + startedAnyway;
+std::expected<pid_t, std::string> LinuxApplications::awaitStart(Launch& launch) {
+  const DetachedProcess& process = *launch.process;
+  auto until = Clock::now() + (launch.x11 ? launchPatience : startedAnyway);
   for (;;) {
-    if (x11) {
-      if (const auto owner = ownerOfWindow(*x11, process.pid)) return *owner;
+    if (launch.x11) {
+      if (const auto owner = ownerOfWindow(*launch.x11, process.pid)) return *owner;
     }
-    if (!reaped) {
+    if (!launch.reaped) {
       if (const auto end = endOf(process)) {
-        reaped = true;
+        launch.reaped = true;
         if (!end->empty()) return std::unexpected(*end);
         // It may have handed over to an instance that runs, or gone into the background.
         until = Clock::now() + handOverPatience;
       }
     }
-    if (reaped) {
-      if (const auto instance = instanceOf(entry.id)) return *instance;
+    if (launch.reaped) {
+      const auto instance =
+          launch.entry.entry.terminal
+              ? (launch.x11 ? ownerOfNewWindow(*launch.x11, launch.before) : std::nullopt)
+              : instanceOf(launch.entry.id);
+      if (instance) return *instance;
     }
     if (Clock::now() >= until) {
-      if (reaped) return std::unexpected("the program ended at once and shows no window");
+      // A terminal may show the program in a window that was there.
+      if (launch.reaped && !launch.entry.entry.terminal)
+        return std::unexpected("the program ended at once and shows no window");
       return process.pid;
     }
-    awaitChange(x11, reaped ? -1 : process.pidfd.get(), until);
+    awaitChange(launch.x11, launch.reaped ? -1 : process.pidfd.get(), until);
   }
 }
 

@@ -36,10 +36,11 @@ class LinuxApplications : public Applications {
   bool quit(const RunningApplication& application) override;
 
  private:
+  struct Launch;
+
   std::expected<pid_t, std::string> launchOverBus(const InstalledEntry& entry, bool& unknown);
   std::expected<pid_t, std::string> launchCommand(const InstalledEntry& entry);
-  std::expected<pid_t, std::string> awaitStart(const InstalledEntry& entry,
-                                               DetachedProcess& process, bool& reaped);
+  std::expected<pid_t, std::string> awaitStart(Launch& launch);
   std::optional<pid_t> instanceOf(const std::string& id);
   void reapLater(DetachedProcess process);
 
