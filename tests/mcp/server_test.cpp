@@ -44,9 +44,16 @@ class Desktop {
       return {200, R"({"ok":true})"};
     }
     if (path == "/ax/snapshot") {
-      if (has("element_path") && text("element_path").ends_with("gone"))
-        return {200, R"({"ok":false,"error":{"code":"ax_element_gone","message":"it is gone"}})"};
       const std::string window = "AXApplication[a]/AXWindow[title=" + title + "]";
+      if (has("element_path") && (text("element_path").ends_with("gone") ||
+                                  (retitles && !window.starts_with(text("element_path")) &&
+                                   !text("element_path").starts_with(window))))
+        return {200, R"({"ok":false,"error":{"code":"ax_element_gone","message":"it is gone"}})"};
+      if (has("element_path") && text("element_path") == "AXApplication[a]")
+        return {200,
+                fmt::format(R"({{"tree":{{"role":"AXApplication","path":"AXApplication[a]",)"
+                            R"("children":[{{"role":"AXWindow","path":"{}","children":[]}}]}}}})",
+                            window)};
       const std::string field = fmt::format(
           R"({{"role":"AXTextField","value":{},"focused":true,"frame":{{"x":10,"y":20,"w":100,"h":30}},)"
           R"("path":"{}/AXTextField[0]","children":[]}})",
@@ -61,6 +68,7 @@ class Desktop {
     }
     if (path == "/ax/set-value" || path == "/input/type") {
       if (obeys) value = path == "/input/type" ? value + text("text") : text("value");
+      if (retitles && path == "/ax/set-value") title = "*" + title;
       return {200, R"({"ok":true})"};
     }
     if (path == "/input/move") return {200, R"({"ok":true})"};
@@ -88,6 +96,7 @@ class Desktop {
   std::string value = "old";
   std::string title = "W";
   bool obeys = true;
+  bool retitles = false;
   bool incomplete = false;
   int windowX = 10;
 };
@@ -358,6 +367,10 @@ TEST_F(McpServerTest, SaysWhatWasConfirmed) {
   EXPECT_EQ(text(call("desktop_snapshot")),
             "window \"W\" [e1]\n textfield =\"old\" focused 10,20 100x30 [e2]\n");
   EXPECT_EQ(outcome(call("set_value", R"({"element":"e2","value":"new"})")), "confirmed");
+  // As an editor does once its document differs from the file.
+  desktop.retitles = true;
+  EXPECT_EQ(outcome(call("set_value", R"({"element":"e2","value":"newer"})")), "confirmed");
+  desktop.retitles = false;
   EXPECT_EQ(outcome(call("type_text", R"({"text":"er"})")), "confirmed");
   EXPECT_EQ(outcome(call("control_window", R"({"window_id":5,"action":"move","x":70,"y":20})")),
             "confirmed");

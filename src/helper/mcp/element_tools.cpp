@@ -20,12 +20,35 @@ std::string windowPath(const std::string& path) {
   return path.substr(0, end);
 }
 
-std::expected<Value, LinkError> readElement(const ToolCall& call, const std::string& path) {
-  auto answer = call.post(
-      "/ax/snapshot", {{"element_path", path}, {"max_nodes", 1}, {"include_offscreen", true}}, 5s);
+std::expected<Value, LinkError> readTree(const ToolCall& call, const std::string& path, int nodes) {
+  auto answer =
+      call.post("/ax/snapshot",
+                {{"element_path", path}, {"max_nodes", nodes}, {"include_offscreen", true}}, 5s);
   if (!answer) return std::unexpected(std::move(answer.error()));
   const Value* tree = objectMember(*answer, "tree");
   return tree ? *tree : Value();
+}
+
+/// The same path with the window as it is titled now, when its application has no other.
+std::optional<std::string> retitled(const ToolCall& call, const std::string& path) {
+  const std::string window = windowPath(path);
+  const std::string application = window.substr(0, window.rfind('/'));
+  if (!window.contains("[title=") || application == window) return std::nullopt;
+  const auto tree = readTree(call, application, 16);
+  const Value* children = tree ? tree->find("children") : nullptr;
+  const json::Array* windows = children ? children->asArray() : nullptr;
+  const std::string* now =
+      windows && windows->size() == 1 ? textMember(windows->front(), "path") : nullptr;
+  return now ? std::optional(*now + path.substr(window.size())) : std::nullopt;
+}
+
+/// An element that was acted on: what was done to it may have changed the title of its window, as
+/// that of a document that is not saved any more, and the title is part of its path.
+std::expected<Value, LinkError> readElement(const ToolCall& call, const std::string& path) {
+  auto element = readTree(call, path, 1);
+  if (element || element.error().kind != LinkError::Kind::elementGone) return element;
+  const auto now = retitled(call, path);
+  return now ? readTree(call, *now, 1) : element;
 }
 
 ToolResult focus(const ToolCall& call, const std::string& path) {
