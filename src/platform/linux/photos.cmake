@@ -14,6 +14,7 @@ vesko_library(vesko_linux_pictures
     pictures/decode_webp.cpp
     pictures/exif_orientation.cpp
     pictures/hevc_decoder.cpp
+    pictures/hevc_sequence.cpp
     pictures/jpeg_encoder.cpp
     pictures/linux_picture_codec.cpp
     pictures/picture_raster.cpp

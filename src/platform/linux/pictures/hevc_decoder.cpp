@@ -11,6 +11,8 @@
 #include <memory>
 #include <span>
 
+#include "platform/linux/pictures/hevc_sequence.h"
+
 namespace vesko {
 namespace {
 
@@ -30,6 +32,7 @@ class FrameBudget {
  public:
   void limitPixels(std::uint64_t most) { maxPixels_ = most; }
 
+  bool allows(std::uint64_t framePixels) const { return framePixels <= maxPixels_; }
   bool take(const FrameCost& cost) {
     const std::uint64_t pixels = pixels_ += cost.pixels;
     const std::uint64_t bytes = bytes_ += cost.bytes;
@@ -93,10 +96,12 @@ class HevcDecoder {
     void operator()(de265_decoder_context* context) const { de265_free_decoder(context); }
   };
 
+  heif_error check(std::span<const std::uint8_t> unit);
   bool allocate(de265_decoder_context* context, de265_image_spec* spec, de265_image* frame);
   void release(de265_decoder_context* context, de265_image* frame);
 
   std::map<const de265_image*, FrameCost> frames_;
+  int parameterSets_ = 0;
   bool exceeded_ = false;
   /// Gives its frames back when it ends, and so ends first.
   std::unique_ptr<de265_decoder_context, Free> context_;
@@ -125,6 +130,22 @@ void HevcDecoder::release(de265_decoder_context* context, de265_image* frame) {
   frames_.erase(found);
 }
 
+/// Of parameter sets the decoder makes tables as it reads them, by the size of the frames that are
+/// to come.
+heif_error HevcDecoder::check(std::span<const std::uint8_t> unit) {
+  constexpr int sequenceSet = 33;
+  constexpr int pictureSet = 34;
+  constexpr int maxParameterSets = 8;  // writers make one of each
+  if (unit.empty()) return success;
+  const int type = unit.front() >> 1 & 63;
+  if (type != sequenceSet && type != pictureSet) return success;
+  if (++parameterSets_ > maxParameterSets) return tooLarge;
+  if (type == pictureSet) return success;
+  const auto pixels = hevcFramePixels(unit);
+  if (!pixels) return damaged;
+  return budget.allows(*pixels) ? success : tooLarge;
+}
+
 /// Units of the stream, each after its length in four bytes.
 heif_error HevcDecoder::push(std::span<const std::uint8_t> data) {
   constexpr std::size_t lengthBytes = 4;
@@ -134,6 +155,7 @@ heif_error HevcDecoder::push(std::span<const std::uint8_t> data) {
                                std::size_t{data[2]} << 8 | data[3];
     data = data.subspan(lengthBytes);
     if (length > data.size()) return damaged;
+    if (const auto error = check(data.first(length)); error.code != heif_error_Ok) return error;
     if (de265_push_NAL(context_.get(), data.data(), static_cast<int>(length), 0, nullptr) !=
         DE265_OK)
       return damaged;
