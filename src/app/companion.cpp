@@ -91,8 +91,9 @@ Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock i
 }
 
 Companion::~Companion() {
-  // A worker that waits for the user would hold up the end of the control server.
+  // Workers that wait for the user or reduce a picture would hold up the end of the control server.
   automationApproval_.cancel();
+  photosExport_.cancel();
 }
 
 void Companion::start() {
@@ -144,6 +145,7 @@ void Companion::terminate(Closure done) {
   permissionMonitor_.stop();
   daemonGrants_.cancel();
   automationApproval_.cancel();
+  photosExport_.cancel();
   permissions_.cancel();
   supervisor_.cancelRestart();
   supervisor_.stopDaemon();

@@ -32,7 +32,7 @@ struct RowBlock {
 /// Any thread, several at once.
 class PictureCodec {
  public:
-  /// The rows from `y` on, at least one; they stay valid until the next call.
+  /// The rows from `y` on; they stay valid until the next call. None gives the picture up.
   using RowSource = std::function<RowBlock(int y)>;
 
   virtual ~PictureCodec() = default;

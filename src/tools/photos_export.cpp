@@ -74,18 +74,20 @@ class Drawing {
  public:
   Drawing(const Image& image, PixelSize size) : image_(image), size_(size) {
     if (size != image.size) scaler_.emplace(image, size);
-    if (!scaler_ && image.opaque) return;
     constexpr int blockPixels = 1 << 19;
     blockRows_ = std::clamp(blockPixels / size.width, 1, size.height);
+    // The image's own rows do otherwise.
+    if (!scaler_ && image.opaque) return;
+    drawn_ = true;
     rows_ = PageMemory(static_cast<std::size_t>(blockRows_) * static_cast<std::size_t>(size.width) *
                        sizeof(std::uint32_t));
   }
 
-  bool possible() const { return blockRows_ == 0 || rows_; }
+  bool possible() const { return !drawn_ || rows_; }
 
   RowBlock rows(int y) {
-    if (blockRows_ == 0) return {image_.row(y), image_.stride, size_.height - y};
     const int count = std::min(blockRows_, size_.height - y);
+    if (!drawn_) return {image_.row(y), image_.stride, count};
     auto* out = rows_.as<std::uint32_t>();
     const std::ptrdiff_t width = size_.width;
     if (scaler_) {
@@ -107,7 +109,8 @@ class Drawing {
   const Image& image_;
   const PixelSize size_;
   std::optional<ImageScaler> scaler_;
-  int blockRows_ = 0;  ///< 0 while the image's own rows will do
+  int blockRows_ = 0;
+  bool drawn_ = false;
   PageMemory rows_;
 };
 
@@ -218,6 +221,7 @@ std::expected<std::optional<PhotoBytes>, ExportError> PhotosExportService::fetch
 std::expected<ExportResponse, ExportError> PhotosExportService::transcode(
     const PhotoResource& resource, std::size_t budget) {
   const MutexLock lock(transcoding_);
+  if (cancelled_) return fail(Kind::imageEncodingFailed);
   auto file = fetch(resource, maxFileBytes);
   if (!file) return std::unexpected(file.error());
   if (!*file)
@@ -243,7 +247,8 @@ std::expected<ExportResponse, ExportError> PhotosExportService::transcode(
     Drawing drawing(*image, size);
     if (!drawing.possible()) return fail(Kind::imageEncodingFailed);
     const auto length = codec_.encodeJpeg(
-        size, quality, [&drawing](int y) { return drawing.rows(y); }, {jpeg.data(), budget});
+        size, quality, [&](int y) { return cancelled_ ? RowBlock{} : drawing.rows(y); },
+        {jpeg.data(), budget});
     if (!length && length.error() == JpegError::tooLong) continue;
     if (!length) return fail(Kind::imageEncodingFailed);
     ExportResponse response{.dataBase64 = {},

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <expected>
 #include <optional>
@@ -95,6 +96,10 @@ class PhotosExportService {
   PhotosStatusResponse status();
   std::expected<ExportResponse, ExportError> exportPhoto(const ExportRequest& request);
 
+  /// For good: the application ends. Pictures are no longer reduced, and what is under way ends as
+  /// imageEncodingFailed within a few rows, or once its picture is decoded.
+  void cancel() { cancelled_ = true; }
+
  private:
   template <class T>
   using Result = std::expected<T, ExportError>;
@@ -111,6 +116,7 @@ class PhotosExportService {
   PermissionProbes& permissions_;
   AssetIdentifierIndex identifiers_;
   Mutex transcoding_;
+  std::atomic<bool> cancelled_ = false;
 };
 
 }  // namespace vesko

@@ -257,6 +257,35 @@ TEST_F(PhotosExportTest, DrawsOverWhite) {
   }
 }
 
+TEST_F(PhotosExportTest, GivesUpWhenCancelled) {
+  /// Cancels in the middle of the first file.
+  class CancellingCodec : public LinuxPictureCodec {
+   public:
+    PhotosExportService* service = nullptr;
+    int rowsAsked = 0;
+
+    std::expected<std::size_t, JpegError> encodeJpeg(PixelSize size, double quality,
+                                                     const RowSource& rows,
+                                                     std::span<std::byte> out) override {
+      const auto source = [&](int y) {
+        if (++rowsAsked == 2) service->cancel();
+        return rows(y);
+      };
+      return LinuxPictureCodec::encodeJpeg(size, quality, source, out);
+    }
+  };
+  CancellingCodec codec;
+  PhotosExportService service(library_, codec, permissions_);
+  codec.service = &service;
+  library_.add("N/L0/001", "n.tiff",
+               converted("-compress LZW", "a.tiff", pngFile(noisyPicture({600, 2700}))));
+  for (int i = 0; i < 2; ++i)
+    EXPECT_EQ(service.exportPhoto({"N", {}}).error().kind, Kind::imageEncodingFailed);
+  EXPECT_EQ(codec.rowsAsked, 2);
+  library_.add("P/L0/001", "p.jpg", "anything");
+  EXPECT_TRUE(service.exportPhoto({"P", {}}));
+}
+
 TEST_F(PhotosExportTest, AnswersByRoutes) {
   const std::vector<Route> routes = photosRoutes(service_);
   const auto ask = [&](std::string_view path, std::string body) {
