@@ -3,32 +3,18 @@
 // connecting to the parsed answer; it answers "MILLISECONDS ELEMENTS PATH_OF_THE_FIRST".
 #include <fmt/core.h>
 
-#include <chrono>
-#include <csignal>
 #include <cstdlib>
-#include <future>
 #include <iostream>
 #include <string>
 
-#include "control_server/control_server.h"
 #include "control_server/tool_routes.h"
-#include "helper/control_client.h"
+#include "pinned_server.h"
 #include "platform/linux/atspi_accessibility.h"
 #include "platform/linux/x11_window_system.h"
 #include "tools/accessibility_control.h"
 
 namespace vesko {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-class Granted : public PermissionProbes {
- public:
-  bool accessibilityTrusted() override { return true; }
-  bool screenCaptureAllowed() override { return true; }
-  PhotosPermission photos() override { return PhotosPermission::full; }
-  AutomationStatus automation(AutomationTarget) override { return {}; }
-};
 
 /// The one process that is measured, whatever is asked for.
 class OneApplication : public Applications {
@@ -57,39 +43,27 @@ std::size_t countNodes(const json::Value& node) {
 }
 
 int answerRequests(pid_t pid) {
-  std::signal(SIGPIPE, SIG_IGN);
-  Granted probes;
+  bench::Granted probes;
   OneApplication application(pid);
   X11Sessions sessions;
   X11WindowSystem windows(sessions);
   AtspiAccessibility accessibility(sessions);
   AccessibilityControl control(accessibility, application, windows);
-  auto server = ControlServer::create(accessibilityRoutes(control), probes);
+  const auto server = bench::PinnedServer::start(accessibilityRoutes(control), probes);
   if (!server) return 1;
-  std::promise<std::string> handshake;
-  (*server)->onReady = [&](std::string line) { handshake.set_value(std::move(line)); };
-  (*server)->start();
-  const auto endpoint = json::decode<ControlEndpoint>(handshake.get_future().get());
-  const ControlClient client;
 
   for (std::string line; std::getline(std::cin, line);) {
     const auto space = line.find(' ');
-    const ControlRequest request{"POST", line.substr(0, space), line.substr(space + 1)};
-    const auto begin = Clock::now();
-    const auto answer = client.call(*endpoint, request, {});
-    const auto body = answer && answer->status == 200
-                          ? json::parse(answer->body, 512)
-                          : std::unexpected(answer ? answer->body : answer.error().message);
-    const double time = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-    if (!body || body->find("incomplete")) {
-      fmt::print(stderr, "accessibility_bench: {}\n", body ? "incomplete" : body.error());
+    const auto answer = server->post(line.substr(0, space), line.substr(space + 1));
+    if (!answer || answer->body.find("incomplete")) {
+      fmt::print(stderr, "accessibility_bench: {}\n", answer ? "incomplete" : answer.error());
       return 1;
     }
-    const json::Value* tree = body->find("tree");
-    const json::Value* found = body->find("elements");
+    const json::Value* tree = answer->body.find("tree");
+    const json::Value* found = answer->body.find("elements");
     const bool any = found && found->asArray() && !found->asArray()->empty();
     const json::Value* path = any ? found->asArray()->front().find("path") : nullptr;
-    fmt::print("{:.3f} {} {}\n", time,
+    fmt::print("{:.3f} {} {}\n", answer->milliseconds,
                tree    ? countNodes(*tree)
                : found ? found->asArray()->size()
                        : 0,

@@ -5,17 +5,13 @@
 #include <fmt/core.h>
 
 #include <chrono>
-#include <csignal>
-#include <future>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "base/base64.h"
-#include "base/json_record.h"
-#include "control_server/control_server.h"
 #include "control_server/tool_routes.h"
-#include "helper/control_client.h"
+#include "pinned_server.h"
 #include "platform/linux/x11_screen_source.h"
 #include "tools/image_scale.h"
 #include "tools/png_encoder.h"
@@ -25,14 +21,6 @@ namespace vesko {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-class Granted : public PermissionProbes {
- public:
-  bool accessibilityTrusted() override { return true; }
-  bool screenCaptureAllowed() override { return true; }
-  PhotosPermission photos() override { return PhotosPermission::full; }
-  AutomationStatus automation(AutomationTarget) override { return {}; }
-};
 
 double millisecondsSince(Clock::time_point begin) {
   return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
@@ -78,34 +66,22 @@ int measureStages(X11ScreenSource& source) {
 }
 
 int answerRequests(X11ScreenSource& source) {
-  std::signal(SIGPIPE, SIG_IGN);
-  Granted probes;
+  bench::Granted probes;
   ScreenRecordingProcessState state(probes);
   ScreenCaptureService service(source, state);
-  auto server = ControlServer::create(captureRoutes(service), probes);
+  const auto server = bench::PinnedServer::start(captureRoutes(service), probes);
   if (!server) return 1;
-  std::promise<std::string> handshake;
-  (*server)->onReady = [&](std::string line) { handshake.set_value(std::move(line)); };
-  (*server)->start();
-  const auto endpoint = json::decode<ControlEndpoint>(handshake.get_future().get());
-  const ControlClient client;
 
   for (std::int64_t maxDimension = 0; std::cin >> maxDimension;) {
-    const ControlRequest request{
-        "POST", "/capture", fmt::format(R"({{"target":"display","max_dim":{}}})", maxDimension)};
-    const auto begin = Clock::now();
-    const auto answer = client.call(*endpoint, request, {});
-    const auto body = answer && answer->status == 200
-                          ? json::parse(answer->body)
-                          : std::unexpected(answer ? answer->body : answer.error().message);
-    const double time = millisecondsSince(begin);
-    const json::Value* png = body ? body->find("png_base64") : nullptr;
+    const auto answer = server->post(
+        "/capture", fmt::format(R"({{"target":"display","max_dim":{}}})", maxDimension));
+    const json::Value* png = answer ? answer->body.find("png_base64") : nullptr;
     const auto file = png ? decodeBase64(*png->asString()) : std::nullopt;
     if (!file) {
-      fmt::print(stderr, "capture_bench: {}\n", body ? "no picture" : body.error());
+      fmt::print(stderr, "capture_bench: {}\n", answer ? "no picture" : answer.error());
       return 1;
     }
-    fmt::print("{:.3f} {}\n", time, file->size());
+    fmt::print("{:.3f} {}\n", answer->milliseconds, file->size());
     std::fflush(stdout);
   }
   return 0;

@@ -7,21 +7,11 @@
 #include <string>
 
 #include "control_server/control_server.h"
-
-namespace {
-
-struct Granted : vesko::PermissionProbes {
-  bool accessibilityTrusted() override { return true; }
-  bool screenCaptureAllowed() override { return true; }
-  vesko::PhotosPermission photos() override { return vesko::PhotosPermission::full; }
-  vesko::AutomationStatus automation(vesko::AutomationTarget) override { return {}; }
-};
-
-}  // namespace
+#include "granted.h"
 
 int main() {
   ::signal(SIGPIPE, SIG_IGN);
-  Granted probes;
+  vesko::bench::Granted probes;
   auto server = vesko::ControlServer::create(vesko::coreRoutes(probes), probes);
   if (!server) {
     std::fprintf(stderr, "%s\n", std::string(describe(server.error())).c_str());

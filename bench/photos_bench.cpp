@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "base/file.h"
+#include "granted.h"
 #include "platform/linux/pictures/linux_picture_codec.h"
 #include "tools/photos_export.h"
 
@@ -42,18 +43,10 @@ class OneFile : public PhotoLibrary {
   std::filesystem::path path_;
 };
 
-class Granted : public PermissionProbes {
- public:
-  bool accessibilityTrusted() override { return true; }
-  bool screenCaptureAllowed() override { return true; }
-  PhotosPermission photos() override { return PhotosPermission::full; }
-  AutomationStatus automation(AutomationTarget) override { return {}; }
-};
-
 int run(const char* file, std::int64_t maxBytes) {
   OneFile library(file);
   LinuxPictureCodec codec;
-  Granted permissions;
+  bench::Granted permissions;
   PhotosExportService service(library, codec, permissions);
   const auto begin = std::chrono::steady_clock::now();
   const auto answer = service.exportPhoto({"file", maxBytes});

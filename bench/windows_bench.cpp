@@ -3,17 +3,12 @@
 // answer. It answers "MILLISECONDS WINDOWS".
 #include <fmt/core.h>
 
-#include <chrono>
-#include <csignal>
-#include <future>
 #include <iostream>
 #include <string>
 
-#include "base/json_record.h"
 #include "base/main_thread.h"
-#include "control_server/control_server.h"
 #include "control_server/tool_routes.h"
-#include "helper/control_client.h"
+#include "pinned_server.h"
 #include "platform/linux/glib_main_loop.h"
 #include "platform/linux/linux_applications.h"
 #include "platform/linux/x11_window_system.h"
@@ -22,16 +17,6 @@ extern char** environ;
 
 namespace vesko {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-class Granted : public PermissionProbes {
- public:
-  bool accessibilityTrusted() override { return true; }
-  bool screenCaptureAllowed() override { return true; }
-  PhotosPermission photos() override { return PhotosPermission::full; }
-  AutomationStatus automation(AutomationTarget) override { return {}; }
-};
 
 Environment ownEnvironment() {
   Environment environment;
@@ -43,34 +28,23 @@ Environment ownEnvironment() {
 }
 
 int answerRequests() {
-  std::signal(SIGPIPE, SIG_IGN);
   GlibMainLoop loop;
   X11Sessions sessions;
   X11WindowSystem windows(sessions);
   LinuxApplications applications(loop, sessions, windows, ownEnvironment());
   AppWindowControl control(applications, windows);
-  Granted probes;
-  auto server = ControlServer::create(appWindowRoutes(control), probes);
+  bench::Granted probes;
+  const auto server = bench::PinnedServer::start(appWindowRoutes(control), probes);
   if (!server) return 1;
-  std::promise<std::string> handshake;
-  (*server)->onReady = [&](std::string line) { handshake.set_value(std::move(line)); };
-  (*server)->start();
-  const auto endpoint = json::decode<ControlEndpoint>(handshake.get_future().get());
-  const ControlClient client;
 
   for (std::string line; std::getline(std::cin, line);) {
-    const auto begin = Clock::now();
-    const auto answer = client.call(*endpoint, {"POST", "/window/list", "{}"}, {});
-    const auto body = answer && answer->status == 200
-                          ? json::parse(answer->body)
-                          : std::unexpected(answer ? answer->body : answer.error().message);
-    const double time = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-    const json::Value* list = body ? body->find("windows") : nullptr;
+    const auto answer = server->post("/window/list", "{}");
+    const json::Value* list = answer ? answer->body.find("windows") : nullptr;
     if (!list || !list->asArray()) {
-      fmt::print(stderr, "windows_bench: {}\n", body ? "no list" : body.error());
+      fmt::print(stderr, "windows_bench: {}\n", answer ? "no list" : answer.error());
       return 1;
     }
-    fmt::print("{:.3f} {}\n", time, list->asArray()->size());
+    fmt::print("{:.3f} {}\n", answer->milliseconds, list->asArray()->size());
     std::fflush(stdout);
   }
   return 0;

@@ -64,24 +64,10 @@ void registerForLists(DBusConnection& bus, Clock::time_point deadline) {
 
 }  // namespace
 
-AtspiBus::AtspiBus(std::chrono::milliseconds keepFor) : keepFor_(keepFor) {}
-
-AtspiBus::~AtspiBus() {
-  std::jthread releaser;
-  {
-    const MutexLock lock(mutex_);
-    closing_ = true;
-    releaser = std::move(releaser_);
-  }
-  closed_.notify_all();
-}
+AtspiBus::AtspiBus(std::chrono::milliseconds keepFor) : kept_(keepFor) {}
 
 AtspiConnection AtspiBus::acquire(Clock::time_point deadline) {
-  AtspiConnection connection;
-  {
-    const MutexLock lock(mutex_);
-    connection.bus = std::move(idle_);
-  }
+  AtspiConnection connection{.bus = kept_.take()};
   if (connection.bus && !connection.bus->closedByBus()) return connection;
   const Found found = findBus(deadline);
   connection.justEnabled = found.justEnabled;
@@ -93,31 +79,7 @@ AtspiConnection AtspiBus::acquire(Clock::time_point deadline) {
 void AtspiBus::takeBack(std::unique_ptr<DBusConnection> bus) {
   if (!bus->reusable()) return;
   bus->forget();
-  std::jthread ended;
-  const MutexLock lock(mutex_);
-  if (idle_) return;
-  idle_ = std::move(bus);
-  releaseAt_ = Clock::now() + keepFor_;
-  if (releasing_) return;
-  ended = std::move(releaser_);  // has nothing left to do
-  try {
-    releaser_ = std::jthread([this] { releaseWhenIdle(); });
-    releasing_ = true;
-  } catch (const std::system_error&) {
-    idle_.reset();  // nobody would close it
-  }
-}
-
-void AtspiBus::releaseWhenIdle() {
-  std::unique_ptr<DBusConnection> released;
-  const MutexLock lock(mutex_);
-  while (!closing_ && Clock::now() < releaseAt_) {
-    // A copy: the wait reads its argument after it has let go of the lock.
-    const Clock::time_point deadline = releaseAt_;
-    closed_.wait_until(mutex_, deadline);
-  }
-  released = std::move(idle_);
-  releasing_ = false;
+  kept_.giveBack(std::move(bus));
 }
 
 }  // namespace vesko

@@ -7,11 +7,9 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <thread>
 
-#include "base/mutex.h"
+#include "base/kept_for_next.h"
 #include "platform/linux/dbus_connection.h"
 
 namespace vesko {
@@ -36,25 +34,13 @@ class AtspiBus {
   using Clock = std::chrono::steady_clock;
 
   explicit AtspiBus(std::chrono::milliseconds keepFor);
-  AtspiBus(const AtspiBus&) = delete;
-  AtspiBus& operator=(const AtspiBus&) = delete;
-  ~AtspiBus();
 
   /// No bus when the session has none or it does not answer in time.
   AtspiConnection acquire(Clock::time_point deadline);
   void takeBack(std::unique_ptr<DBusConnection> bus);
 
  private:
-  void releaseWhenIdle();
-
-  const std::chrono::milliseconds keepFor_;
-  Mutex mutex_;
-  std::condition_variable_any closed_;
-  std::unique_ptr<DBusConnection> idle_ VESKO_GUARDED_BY(mutex_);
-  Clock::time_point releaseAt_ VESKO_GUARDED_BY(mutex_);
-  bool closing_ VESKO_GUARDED_BY(mutex_) = false;
-  bool releasing_ VESKO_GUARDED_BY(mutex_) = false;
-  std::jthread releaser_ VESKO_GUARDED_BY(mutex_);
+  KeptForNext<DBusConnection> kept_;
 };
 
 }  // namespace vesko

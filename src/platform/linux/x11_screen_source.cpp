@@ -161,18 +161,14 @@ class X11ScreenSource::Session {
 /// A session that is one thread's until this ends.
 class X11ScreenSource::Borrowed {
  public:
-  explicit Borrowed(X11ScreenSource& owner) : owner_(owner) {
-    {
-      const MutexLock lock(owner_.mutex_);
-      session_ = std::move(owner_.idle_);
-    }
+  explicit Borrowed(X11ScreenSource& owner) : owner_(owner), session_(owner.sessions_.take()) {
     if (!session_) session_ = std::make_unique<Session>();
   }
   Borrowed(const Borrowed&) = delete;
   Borrowed& operator=(const Borrowed&) = delete;
   ~Borrowed() {
     session_->dropEvents();
-    owner_.takeBack(std::move(session_));
+    owner_.sessions_.giveBack(std::move(session_));
   }
 
   Session* operator->() { return session_.get(); }
@@ -182,46 +178,9 @@ class X11ScreenSource::Borrowed {
   std::unique_ptr<Session> session_;
 };
 
-X11ScreenSource::X11ScreenSource(std::chrono::milliseconds keepFor) : keepFor_(keepFor) {}
+X11ScreenSource::X11ScreenSource(std::chrono::milliseconds keepFor) : sessions_(keepFor) {}
 
-X11ScreenSource::~X11ScreenSource() {
-  std::jthread releaser;
-  {
-    const MutexLock lock(mutex_);
-    closing_ = true;
-    releaser = std::move(releaser_);
-  }
-  closed_.notify_all();
-}
-
-void X11ScreenSource::takeBack(std::unique_ptr<Session> session) {
-  std::jthread ended;
-  const MutexLock lock(mutex_);
-  if (idle_) return;
-  idle_ = std::move(session);
-  releaseAt_ = Clock::now() + keepFor_;
-  if (releasing_) return;
-  ended = std::move(releaser_);  // has nothing left to do
-  try {
-    releaser_ = std::jthread([this] { releaseWhenIdle(); });
-    releasing_ = true;
-  } catch (const std::system_error&) {
-    idle_.reset();  // nobody would release it
-  }
-}
-
-void X11ScreenSource::releaseWhenIdle() {
-  std::unique_ptr<Session> released;
-  const MutexLock lock(mutex_);
-  while (!closing_ && Clock::now() < releaseAt_) {
-    // A copy: the wait reads its argument after it has let go of the lock.
-    const Clock::time_point deadline = releaseAt_;
-    closed_.wait_until(mutex_, deadline);
-  }
-  // A session that is at work comes back later, and starts a new wait then.
-  released = std::move(idle_);
-  releasing_ = false;
-}
+X11ScreenSource::~X11ScreenSource() = default;
 
 ScreenSource::Result<std::vector<ScreenDisplay>> X11ScreenSource::displays() {
   Borrowed session(*this);

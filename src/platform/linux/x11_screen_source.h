@@ -2,12 +2,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <thread>
 #include <vector>
 
-#include "base/mutex.h"
+#include "base/kept_for_next.h"
 #include "platform/screen_source.h"
 
 namespace vesko {
@@ -33,19 +31,8 @@ class X11ScreenSource : public ScreenSource {
  private:
   class Session;
   class Borrowed;
-  using Clock = std::chrono::steady_clock;
 
-  void takeBack(std::unique_ptr<Session> session);
-  void releaseWhenIdle();
-
-  const std::chrono::milliseconds keepFor_;
-  Mutex mutex_;
-  std::condition_variable_any closed_;
-  std::unique_ptr<Session> idle_ VESKO_GUARDED_BY(mutex_);
-  Clock::time_point releaseAt_ VESKO_GUARDED_BY(mutex_);
-  bool closing_ VESKO_GUARDED_BY(mutex_) = false;
-  bool releasing_ VESKO_GUARDED_BY(mutex_) = false;
-  std::jthread releaser_ VESKO_GUARDED_BY(mutex_);
+  KeptForNext<Session> sessions_;
 };
 
 }  // namespace vesko
