@@ -261,6 +261,19 @@ TEST_F(PrivacyTest, theWindowShowsAndChangesEveryConsent) {
   EXPECT_TRUE(waitForNoWindow());
 }
 
+TEST_F(PrivacyTest, noWindowIsShownThatOthersCouldNotSee) {
+  ASSERT_TRUE(store.set(Consent::photos, ConsentState::denied));
+  std::filesystem::create_directory(installation.consents().native() + ".shown");
+  for (const char* command : {"ask", "settings"}) {
+    SCOPED_TRACE(command);
+    const auto process = start({command, "contacts"});
+    EXPECT_EQ(process->waitForExit(), 4);
+    EXPECT_NE(process->err().find("vesko-privacy: cannot lock the consents: Is a directory\n"),
+              std::string::npos)
+        << process->err();
+  }
+}
+
 TEST_F(PrivacyTest, theCompanionAsksForTheHelperAndLeavesTheAnswerToTheUser) {
   ASSERT_TRUE(store.set(Consent::accessibility, ConsentState::granted));
   Variables variables = desktopVariables(installation);

@@ -95,6 +95,14 @@ std::optional<UniqueFd> takeTurn(const fs::path& consents) {
   return turn;
 }
 
+/// Without it the assistant could operate the window: nothing is shown then.
+std::optional<UniqueFd> showMark(const fs::path& consents) {
+  auto mark = PrivacyWindowMark(consents).show();
+  if (mark) return std::move(*mark);
+  widgets::complain("cannot lock the consents: " + mark.error());
+  return std::nullopt;
+}
+
 std::optional<ExitCode> standingAnswer(ConsentStore& store, Consent consent) {
   switch (store.state(consent)) {
     case ConsentState::granted:
@@ -130,11 +138,8 @@ ExitCode ask(const Invocation& invocation, const Application& application) {
   // It may have been the question of the one before.
   if (const auto answer = standingAnswer(store, *invocation.consent)) return *answer;
   if (!openDisplay()) return privacyProgram::notAsked;
-  const auto mark = PrivacyWindowMark(invocation.consents).show();
-  if (!mark) {
-    widgets::complain("cannot lock the consents: " + mark.error());
-    return privacyProgram::notAsked;
-  }
+  const auto mark = showMark(invocation.consents);
+  if (!mark) return privacyProgram::notAsked;
   GlibMainLoop loop;
   return askForConsent(loop, store, *invocation.consent, application.name);
 }
@@ -196,8 +201,6 @@ class Settings {
   void show(std::string_view word) {
     if (!window_) {
       widgets::loadStyle();
-      auto mark = PrivacyWindowMark(invocation_.consents).show();
-      if (mark) mark_ = std::move(*mark);
       window_.emplace(GTK_APPLICATION(application_), loop_, store_, name_, shown_);
     }
     std::optional<Consent> at;
@@ -212,7 +215,6 @@ class Settings {
   const std::function<void()> shown_;
   ConsentStore store_;
   GlibMainLoop loop_;
-  UniqueFd mark_;
   AdwApplication* application_;
   std::optional<SettingsWindow> window_;
 };
@@ -250,6 +252,8 @@ ExitCode openSettings(const Invocation& invocation, const Application& applicati
     widgets::complain("there is no display");
     return privacyProgram::notAsked;
   }
+  const auto mark = showMark(invocation.consents);
+  if (!mark) return privacyProgram::notAsked;
   const auto shown = [&writer] {
     // Nobody reads what toolkits have to say from here on.
     const UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
