@@ -4,6 +4,7 @@
 #include <adwaita.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -43,6 +44,9 @@ constexpr std::string_view usageText =
     "\n"
     "ask shows a question and ends with 0 allowed, 1 not allowed, 3 not answered, 4 not asked.\n"
     "settings opens the window in which consents are changed and returns once it is shown.\n";
+
+/// A desktop that hangs answers never, a busy one late.
+constexpr int shownWithinMilliseconds = 15'000;
 
 struct Invocation {
   fs::path consents;
@@ -236,11 +240,15 @@ ExitCode openSettings(const Invocation& invocation, const Application& applicati
   }
   if (window > 0) {
     writer.reset();
-    char ready = 0;
-    ssize_t count = 0;
-    while ((count = ::read(reader.get(), &ready, 1)) < 0 && errno == EINTR) {
+    pollfd ready{.fd = reader.get(), .events = POLLIN, .revents = 0};
+    int count = 0;
+    while ((count = ::poll(&ready, 1, shownWithinMilliseconds)) < 0 && errno == EINTR) {
     }
-    if (count == 1) return privacyProgram::granted;
+    if (ready.revents & POLLIN) return privacyProgram::granted;
+    if (count <= 0) {
+      widgets::complain("the desktop did not show the window in time");
+      ::kill(window, SIGKILL);
+    }
     int status = 0;
     while (::waitpid(window, &status, 0) < 0 && errno == EINTR) {
     }
