@@ -129,9 +129,10 @@ bool openDisplay() {
   return false;
 }
 
-ExitCode ask(const Invocation& invocation, const Application& application) {
-  // The question goes with whoever asked it.
+ExitCode ask(const Invocation& invocation, const Application& application, pid_t asker) {
+  // The question goes with whoever asked it, or is not shown when that one has gone already.
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != asker) return privacyProgram::notAsked;
   ConsentStore store(invocation.consents);
   if (const auto answer = standingAnswer(store, *invocation.consent)) return *answer;
   const auto turn = takeTurn(invocation.consents);
@@ -273,7 +274,7 @@ ExitCode openSettings(const Invocation& invocation, const Application& applicati
   return Settings(invocation, application, shown).run();
 }
 
-int run(std::span<char*> words) {
+int run(std::span<char*> words, pid_t asker) {
   const Application application = ownApplication();
   const auto invocation = parse(words, application);
   if (!invocation) {
@@ -287,17 +288,19 @@ int run(std::span<char*> words) {
   }
   g_set_prgname("vesko-privacy");
   g_set_application_name(application.name.c_str());
-  return invocation->ask ? ask(*invocation, application) : openSettings(*invocation, application);
+  return invocation->ask ? ask(*invocation, application, asker)
+                         : openSettings(*invocation, application);
 }
 
 }  // namespace
 }  // namespace vesko
 
 int main(int argc, char** argv) {
+  const pid_t asker = ::getppid();
   vesko::adoptMainThread();
   std::signal(SIGPIPE, SIG_IGN);
   const int code =
-      vesko::run(std::span(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0));
+      vesko::run(std::span(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0), asker);
   // Without the toolkit's own farewell: what it holds goes with the process.
   std::_Exit(code);
 }
