@@ -58,7 +58,8 @@ Companion::Companion(Platform platform, ProcessIdentity identity, InstanceLock i
            .launchInputs =
                [this](std::optional<std::string> code) { return launchInputs(std::move(code)); }}),
       lines_(state_, log_, platform_.loop, supervisor_, imports_, *requests_),
-      inputControl_(platform_.input, platform_.pasteboard),
+      inputControl_(platform_.input, platform_.pasteboard,
+                    [this] { return mayOperate(platform_.permissions); }),
       screenRecording_(platform_.permissions),
       screenCapture_(platform_.screen, screenRecording_),
       accessibilityControl_(platform_.accessibility, platform_.applications, platform_.windows),

@@ -55,12 +55,16 @@ bool operates(std::string_view path) {
 
 }  // namespace
 
+std::expected<void, std::string> mayOperate(PermissionProbes& probes) {
+  if (!probes.privacyWindowShown()) return {};
+  return std::unexpected("a privacy window is open; only the user may operate it");
+}
+
 std::vector<Route> leavePrivacyToTheUser(std::vector<Route> routes, PermissionProbes& probes) {
   for (Route& route : routes) {
     if (!operates(route.path)) continue;
     route.handler = [&probes, act = std::move(route.handler)](const HTTPRequest& request) {
-      if (probes.privacyWindowShown())
-        return errorResponse(400, "a privacy window is open; only the user may operate it");
+      if (const auto may = mayOperate(probes); !may) return errorResponse(400, may.error());
       return act(request);
     };
   }

@@ -16,6 +16,10 @@ namespace {
 /// How long a paste waits for its program; one that takes nothing on this key costs it all.
 constexpr std::chrono::milliseconds pasteBound{1000};
 
+/// Events of a text, two for each of its pieces: few enough to stop soon, enough to set up the
+/// keyboard rarely.
+constexpr std::size_t typedAtOnce = 32;
+
 using Kind = MouseEvent::Kind;
 
 std::unexpected<InputControl::ControlError> invalid(std::string message) {
@@ -52,6 +56,9 @@ std::string InputControl::ControlError::message() const {
 }
 
 InputControl::Done InputControl::post(std::span<const InputEvent> events) {
+  if (mayGoOn_) {
+    if (auto may = mayGoOn_(); !may) return invalid(std::move(may.error()));
+  }
   if (!events_.post(events))
     return std::unexpected(ControlError{ControlError::Kind::eventCreationFailed, {}});
   return OKResponse{};
@@ -137,7 +144,11 @@ InputControl::Done InputControl::type(const TypeRequest& request) {
     events.emplace_back(KeyEvent{0, false, 0, chunk});
   }
   const MutexLock lock(mutex_);
-  return post(events);
+  std::span<const InputEvent> rest = events;
+  for (; rest.size() > typedAtOnce; rest = rest.subspan(typedAtOnce)) {
+    if (auto posted = post(rest.first(typedAtOnce)); !posted) return posted;
+  }
+  return post(rest);
 }
 
 InputControl::Done InputControl::press(std::string_view name,

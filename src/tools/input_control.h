@@ -6,11 +6,13 @@
 #pragma once
 
 #include <expected>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "base/json_record.h"
@@ -121,8 +123,12 @@ class InputControl {
   };
   using Done = std::expected<OKResponse, ControlError>;
 
-  InputControl(InputEvents& events, Pasteboard& pasteboard)
-      : events_(events), pasteboard_(pasteboard) {}
+  /// Asked on workers before events are posted, in a long text again and again; the error is why
+  /// not.
+  using MayGoOn = std::function<std::expected<void, std::string>()>;
+
+  InputControl(InputEvents& events, Pasteboard& pasteboard, MayGoOn mayGoOn = nullptr)
+      : events_(events), pasteboard_(pasteboard), mayGoOn_(std::move(mayGoOn)) {}
 
   Done move(const MoveRequest& request);
   Done click(const ClickRequest& request);
@@ -142,6 +148,7 @@ class InputControl {
   Mutex mutex_;
   InputEvents& events_ VESKO_GUARDED_BY(mutex_);
   Pasteboard& pasteboard_;
+  const MayGoOn mayGoOn_;
 };
 
 }  // namespace vesko

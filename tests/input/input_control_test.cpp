@@ -123,6 +123,30 @@ TEST_F(InputControlTest, TypesTextInPieces) {
   EXPECT_TRUE(events.takeEvents().empty());
 }
 
+TEST_F(InputControlTest, StopsWithinALongTextAndPostsNothingUnasked) {
+  int allowed = 2;
+  InputControl asking(events, pasteboard, [&]() -> std::expected<void, std::string> {
+    if (--allowed >= 0) return {};
+    return std::unexpected("not now");
+  });
+  EXPECT_EQ(outcome(asking.type({std::string(100000, 'x'), {}})), "not now");
+  EXPECT_FALSE(events.typed().empty());
+  EXPECT_LT(events.typed().size(), 1000U);
+  EXPECT_FALSE(events.anythingPressed());
+  events.takeEvents();
+  const InputControl::Done refused[] = {
+      asking.move({1, 1}),           asking.click({}),
+      asking.drag({0, 0, 9, 9, {}}), asking.scroll({1, 1}),
+      asking.type({"x", {}}),        asking.type({"x", "paste"}),
+      asking.key({"x", {}}),         asking.hotkey({{"command", "x"}})};
+  for (const auto& done : refused) EXPECT_EQ(outcome(done), "not now");
+  EXPECT_TRUE(events.takeEvents().empty());
+  // All of a text arrives that is not stopped.
+  const auto before = events.typed().size();
+  EXPECT_EQ(outcome(input.type({std::string(100000, 'y'), {}})), "ok");
+  EXPECT_EQ(events.typed().size(), before + 100000);
+}
+
 TEST_F(InputControlTest, PastesThroughTheClipboardAndLeavesItThere) {
   ASSERT_EQ(outcome(input.clipboardSet({"old"})), "ok");
   ASSERT_EQ(outcome(input.type({"new", "paste"})), "ok");

@@ -25,7 +25,6 @@ class AskDialog {
  private:
   GtkWidget* makeText(const std::string& application);
   GtkWidget* makeButtons();
-  bool event(GdkEvent* event);
   void gateChanged(bool open);
   void answer(ConsentState state);
   void end(ExitCode code);
@@ -58,17 +57,16 @@ AskDialog::AskDialog(MainLoop& loop, ConsentStore& store, Consent consent,
   gtk_window_handle_set_child(GTK_WINDOW_HANDLE(handle), content);
   adw_window_set_content(ADW_WINDOW(window_), handle);
 
-  GtkEventController* events = gtk_event_controller_legacy_new();
-  gtk_event_controller_set_propagation_phase(events, GTK_PHASE_CAPTURE);
-  widgets::connect<gboolean, GdkEvent*>(
-      events, "event", this, [](AskDialog& self, GdkEvent* event) -> gboolean {
-        return self.event(event) ? GDK_EVENT_STOP : GDK_EVENT_PROPAGATE;
+  widgets::guard(window_, gate_);
+  GtkEventController* keys = gtk_event_controller_key_new();
+  widgets::connect<gboolean, guint, guint, GdkModifierType>(
+      keys, "key-pressed", this,
+      [](AskDialog& self, guint key, guint, GdkModifierType) -> gboolean {
+        if (key != GDK_KEY_Escape) return GDK_EVENT_PROPAGATE;
+        self.answer(ConsentState::denied);
+        return GDK_EVENT_STOP;
       });
-  gtk_widget_add_controller(GTK_WIDGET(window_), events);
-  widgets::connect<void, GParamSpec*>(window_, "notify::is-active", this,
-                                      [](AskDialog& self, GParamSpec*) {
-                                        self.gate_.setFocused(gtk_window_is_active(self.window_));
-                                      });
+  gtk_widget_add_controller(GTK_WIDGET(window_), keys);
   widgets::connect<void>(window_, "map", this,
                          [](AskDialog& self) { widgets::keepAbove(self.window_); });
   widgets::connect<gboolean>(window_, "close-request", this, [](AskDialog& self) -> gboolean {
@@ -120,24 +118,6 @@ GtkWidget* AskDialog::makeButtons() {
   widgets::connect<void>(allow_, "clicked", this,
                          [](AskDialog& self) { self.answer(ConsentState::granted); });
   return box;
-}
-
-// True for what goes no further.
-bool AskDialog::event(GdkEvent* event) {
-  switch (gdk_event_get_event_type(event)) {
-    case GDK_KEY_PRESS:
-    case GDK_BUTTON_PRESS:
-    case GDK_TOUCH_BEGIN:
-      break;
-    default:
-      return false;
-  }
-  if (!gate_.admit()) return true;
-  if (gdk_event_get_event_type(event) != GDK_KEY_PRESS ||
-      gdk_key_event_get_keyval(event) != GDK_KEY_Escape)
-    return false;
-  answer(ConsentState::denied);
-  return true;
 }
 
 void AskDialog::gateChanged(bool open) {

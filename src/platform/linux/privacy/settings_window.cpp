@@ -34,7 +34,8 @@ SettingsWindow::SettingsWindow(GtkApplication* application, MainLoop& loop, Cons
     : loop_(loop),
       store_(store),
       shown_(std::move(shown)),
-      window_(GTK_WINDOW(adw_application_window_new(application))) {
+      window_(GTK_WINDOW(adw_application_window_new(application))),
+      gate_(loop, [this](bool open) { gateChanged(open); }) {
   gtk_window_set_title(window_, "Privacy & Security");
   gtk_window_set_default_size(window_, 620, 740);
   GtkWidget* content = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
@@ -55,6 +56,8 @@ SettingsWindow::SettingsWindow(GtkApplication* application, MainLoop& loop, Cons
   widgets::connect<void>(window_, "map", this, [](SettingsWindow& self) {
     if (self.shown_) std::exchange(self.shown_, nullptr)();
   });
+  widgets::guard(window_, gate_);
+  gateChanged(false);
   watchStore();
   refresh();
 }
@@ -98,12 +101,12 @@ GtkWidget* SettingsWindow::makeRow(Consent consent) {
   gtk_widget_add_css_class(state, "caption");
   GtkWidget* toggle = gtk_switch_new();
   gtk_widget_set_valign(toggle, GTK_ALIGN_CENTER);
-  // Its name is the row's title.
+  gtk_accessible_update_property(GTK_ACCESSIBLE(toggle), GTK_ACCESSIBLE_PROPERTY_LABEL,
+                                 title.c_str(), -1);
   gtk_accessible_update_property(GTK_ACCESSIBLE(toggle), GTK_ACCESSIBLE_PROPERTY_DESCRIPTION,
                                  std::string(text.explanation).c_str(), -1);
   adw_action_row_add_suffix(ADW_ACTION_ROW(row), state);
   adw_action_row_add_suffix(ADW_ACTION_ROW(row), toggle);
-  adw_action_row_set_activatable_widget(ADW_ACTION_ROW(row), toggle);
   rows_[consent] = {row, state, toggle};
   Toggle& binding = toggles_[consent] = {this, consent};
   widgets::connect<void, GParamSpec*>(
@@ -146,6 +149,8 @@ void SettingsWindow::refreshRow(Consent consent, const Row& row) {
 
 void SettingsWindow::set(Consent consent, bool allowed) {
   if (refreshing_) return;
+  // Assistive technology moves switches without an event.
+  if (!gate_.open()) return refresh();
   const auto stored = store_.set(consent, allowed ? ConsentState::granted : ConsentState::denied);
   if (!stored)
     adw_toast_overlay_add_toast(
@@ -165,12 +170,20 @@ void SettingsWindow::point(Consent consent) {
   chosen_ = consent;
   const Row& row = rows_.at(consent);
   gtk_widget_add_css_class(row.row, "chosen");
-  // The list scrolls to what has the focus.
-  gtk_widget_grab_focus(row.toggle);
+  // The list scrolls to what has the focus. Not the switch: a reflex must not move it.
+  gtk_widget_grab_focus(row.row);
   chosenTimer_ = loop_.after(chosenTime, [this] {
     gtk_widget_remove_css_class(rows_.at(*chosen_).row, "chosen");
     chosen_.reset();
   });
+}
+
+void SettingsWindow::gateChanged(bool open) {
+  if (!open) focusBeforeClosing_ = gtk_window_get_focus(window_);
+  for (const auto& [consent, row] : rows_) gtk_widget_set_sensitive(row.toggle, open);
+  // A switch loses the focus with its sensitivity.
+  if (open && focusBeforeClosing_ && !gtk_window_get_focus(window_))
+    gtk_widget_grab_focus(focusBeforeClosing_);
 }
 
 }  // namespace vesko

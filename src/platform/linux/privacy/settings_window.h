@@ -10,10 +10,12 @@
 
 #include "base/main_loop.h"
 #include "platform/linux/consent_store.h"
+#include "platform/linux/privacy/stray_input_gate.h"
 
 namespace vesko {
 
-/// Follows the stored answers, whoever changes them.
+/// Follows the stored answers, whoever changes them. Its switches move only for input that was
+/// meant for them.
 class SettingsWindow {
  public:
   /// `shown` is called once, when the window is on the screen. The window belongs to `application`,
@@ -45,6 +47,7 @@ class SettingsWindow {
   void refreshRow(Consent consent, const Row& row);
   void set(Consent consent, bool allowed);
   void point(Consent consent);
+  void gateChanged(bool open);
 
   MainLoop& loop_;
   ConsentStore& store_;
@@ -57,6 +60,8 @@ class SettingsWindow {
   std::map<Consent, Toggle> toggles_;
   GFileMonitor* monitor_ = nullptr;
   bool refreshing_ = false;  ///< the switches move by themselves
+  StrayInputGate gate_;
+  GtkWidget* focusBeforeClosing_ = nullptr;
   std::optional<Consent> chosen_;
   Timer chosenTimer_;
 };

@@ -57,6 +57,27 @@ GtkWidget* button(const char* mnemonic) {
   return result;
 }
 
+void guard(GtkWindow* window, StrayInputGate& gate) {
+  GtkEventController* events = gtk_event_controller_legacy_new();
+  gtk_event_controller_set_propagation_phase(events, GTK_PHASE_CAPTURE);
+  connect<gboolean, GdkEvent*>(events, "event", &gate,
+                               [](StrayInputGate& gate, GdkEvent* event) -> gboolean {
+                                 switch (gdk_event_get_event_type(event)) {
+                                   case GDK_KEY_PRESS:
+                                   case GDK_BUTTON_PRESS:
+                                   case GDK_TOUCH_BEGIN:
+                                     return gate.admit() ? GDK_EVENT_PROPAGATE : GDK_EVENT_STOP;
+                                   default:
+                                     return GDK_EVENT_PROPAGATE;
+                                 }
+                               });
+  gtk_widget_add_controller(GTK_WIDGET(window), events);
+  connect<void, GParamSpec*>(window, "notify::is-active", &gate,
+                             [window](StrayInputGate& gate, GParamSpec*) {
+                               gate.setFocused(gtk_window_is_active(window));
+                             });
+}
+
 // EWMH, "_NET_WM_STATE": a mapped window asks by a message to the root window.
 void keepAbove(GtkWindow* window) {
   GdkSurface* surface = gtk_native_get_surface(GTK_NATIVE(window));

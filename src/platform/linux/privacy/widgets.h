@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/linux/privacy/stray_input_gate.h"
+
 namespace vesko::widgets {
 
 /// One line of standard error, in the form that the companion reads.
@@ -20,6 +22,10 @@ GtkWidget* paragraph(std::string_view text, const char* cssClass = nullptr);
 
 /// A button with an underlined letter, and without the underscore in its accessible name.
 GtkWidget* button(const char* mnemonic);
+
+/// Lets the window have keys, clicks and touches only while the gate is open, and tells the gate of
+/// them and of the window's focus. The gate outlives the window.
+void guard(GtkWindow* window, StrayInputGate& gate);
 
 /// Asks the window manager to keep a mapped window above others. Only X11 has a way to ask.
 void keepAbove(GtkWindow* window);
