@@ -65,7 +65,7 @@ struct AXElementState {
   std::optional<bool> focused = {};
   std::optional<Rect> frame = {};  ///< screen points
   std::vector<AXElement> children = {};
-  bool moreChildren = false;  ///< the list of children was cut at the limit asked for
+  bool moreChildren = false;  ///< the list of children was cut
   /// Of the element as a whole: invalidElement and cannotComplete leave everything else empty.
   AXError error = AXError::success;
 };
@@ -85,7 +85,8 @@ class AccessibilitySession {
   virtual std::expected<AXElement, AXError> focusedWindow(AXElement application) = 0;
 
   /// Reads many elements at once, so that a back end can keep many questions under way: one state
-  /// for each element, in order. Of each at most `maxChildren` children are named, the first ones.
+  /// for each element, in order. At most `maxChildren` children are named by all of them together,
+  /// of each its first ones; which elements come short is the back end's choice.
   virtual std::vector<AXElementState> read(std::span<const AXElement> elements,
                                            AXAttributeSet wanted, std::size_t maxChildren) = 0;
 

@@ -71,6 +71,8 @@ std::size_t ElementTree::readBatch(std::span<const Pending> batch, std::size_t d
   auto states = session_.read(
       elements, limits.wanted | role | title | (childrenLater ? AXAttributeSet{0} : children),
       maxChildren);
+  bool cutForOthers = false;
+  bool roomForOthers = false;
   for (std::size_t i = 0; i < batch.size(); ++i) {
     const bool isRoot = first + i == 0;
     Entry entry{.element = batch[i].element,
@@ -81,6 +83,8 @@ std::size_t ElementTree::readBatch(std::span<const Pending> batch, std::size_t d
     // One that vanished since its parent listed it is not there.
     entry.kept = isRoot || (entry.state.error == AXError::success && limits.accepts(entry.state));
     if (entry.kept) ++kept_;
+    cutForOthers = cutForOthers || (entry.kept && entry.state.moreChildren);
+    roomForOthers = roomForOthers || (!entry.kept && !entry.state.children.empty());
     textBytes_ += textBytes(entry.state);
     if (!isRoot) {
       Siblings& siblings = children_[entry.parent];
@@ -89,14 +93,25 @@ std::size_t ElementTree::readBatch(std::span<const Pending> batch, std::size_t d
     entries_.push_back(std::move(entry));
     children_.emplace_back();
   }
-  if (childrenLater && kept_ < limits.keep) {
-    auto listed = session_.read(elements, children, maxChildren);
-    for (std::size_t i = 0; i < batch.size(); ++i) {
-      entries_[first + i].state.children = std::move(listed[i].children);
-      entries_[first + i].state.moreChildren = listed[i].moreChildren;
-    }
-  }
+  // What is left out of the walk may have had the room of those whose children were cut.
+  if (kept_ < limits.keep && (childrenLater || (cutForOthers && roomForOthers)))
+    readChildren(first, maxChildren);
   return batch.size();
+}
+
+void ElementTree::readChildren(std::size_t firstEntry, std::size_t maxChildren) {
+  std::vector<Entry*> kept;
+  std::vector<AXElement> elements;
+  for (Entry& entry : std::span(entries_).subspan(firstEntry)) {
+    if (!entry.kept) continue;
+    kept.push_back(&entry);
+    elements.push_back(entry.element);
+  }
+  auto listed = session_.read(elements, children, maxChildren);
+  for (std::size_t i = 0; i < kept.size(); ++i) {
+    kept[i]->state.children = std::move(listed[i].children);
+    kept[i]->state.moreChildren = listed[i].moreChildren;
+  }
 }
 
 std::vector<ElementTree::Pending> ElementTree::listChildren(std::size_t firstEntry) {

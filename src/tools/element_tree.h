@@ -66,6 +66,7 @@ class ElementTree {
 
   void walk(AXElement root, const Limits& limits);
   std::size_t readBatch(std::span<const Pending> batch, std::size_t depth, const Limits& limits);
+  void readChildren(std::size_t firstEntry, std::size_t maxChildren);
   std::vector<Pending> listChildren(std::size_t firstEntry);
   void nameChildren(std::size_t parent);
 

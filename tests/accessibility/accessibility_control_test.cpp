@@ -226,6 +226,15 @@ TEST_F(AccessibilityControlTest, boundsWhatAnApplicationCanMakeItDo) {
   EXPECT_EQ(find({.title = "nowhere"}), Titles{});
   EXPECT_LT(read, 25'000U);
 
+  // Rows that are not seen take nothing away from what is.
+  auto rows = std::exchange(window_->children, {});
+  FakeElement& hidden = window_->add("AXTable");
+  hidden.state.frame = Rect{9000, 0, 1, 1};
+  hidden.children = std::move(rows);
+  window_->add("AXGroup").add("AXButton", "Seen");
+  EXPECT_EQ(count(snapshot({.maxNodes = 2000})), 4U);
+  EXPECT_FALSE(incomplete_);
+
   // A chain without end, a circle, and texts without measure.
   window_->children.clear();
   FakeElement* last = window_;

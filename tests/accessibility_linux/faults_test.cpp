@@ -9,6 +9,7 @@
 #include "accessible_app.h"
 #include "capture/x11_test_server.h"
 #include "platform/linux/atspi_accessibility.h"
+#include "platform/linux/atspi_objects.h"
 #include "platform/linux/atspi_windows.h"
 
 namespace vesko::test {
@@ -61,6 +62,50 @@ TEST(AccessibilityFaults, MisbehavingApplicationsEndNoWalkLate) {
     for (const Met& met : walked.elements)
       EXPECT_LE(met.state.title.value_or("").size(), maxAXValueBytes);
   }
+}
+
+TEST(AccessibilityFaults, ManyWithManyChildrenShareOneLimit) {
+  AccessibleApp app("misbehaving_accessible", {"orchard"});
+  X11Sessions windows;
+  AtspiAccessibility accessibility(windows);
+  const auto [session, root] = lookAt(accessibility, app.pid());
+  const auto top = session->read(std::span(&root, 1), axAttributes::children, 10)[0].children;
+  ASSERT_EQ(top.size(), 1U);
+  const auto parents = session->read(top, axAttributes::children, 100)[0].children;
+  ASSERT_EQ(parents.size(), 50U);
+  const long before = peakMemory();
+  std::size_t named = 0;
+  std::size_t cut = 0;
+  for (const AXElementState& state : session->read(parents, axAttributes::all, 20'000)) {
+    EXPECT_EQ(state.role, "AXGroup");
+    named += state.children.size();
+    if (state.moreChildren) ++cut;
+  }
+  EXPECT_EQ(named, 20'000U);
+  EXPECT_GE(cut, 49U);
+  EXPECT_LT(peakMemory() - before, 100 << 10);
+}
+
+TEST(AccessibilityFaults, SessionRemembersSoMuchAndNoMore) {
+  AtspiObjects many(nullptr);
+  const AXElement root = many.root(":1.1").value();
+  std::optional<AXElement> last;
+  for (std::size_t i = 0; i < 2 * AtspiObjects::maxElements; ++i)
+    last = many.element(":1.1", "/" + std::to_string(i), root);
+  EXPECT_FALSE(last);
+  EXPECT_EQ(many.size(), AtspiObjects::maxElements);
+  EXPECT_EQ(many.root(":1.1"), root);
+
+  AtspiObjects longPaths(nullptr);
+  const std::string path(1 << 20, 'p');
+  for (int i = 0; i < 100; ++i) longPaths.element(":1.1", path + std::to_string(i), 0);
+  EXPECT_LE(longPaths.size() * path.size(), AtspiObjects::maxTextBytes);
+  EXPECT_TRUE(longPaths.element(":1.1", "/short", 0));
+
+  AtspiObjects names(nullptr);
+  for (std::size_t i = 0; i <= AtspiObjects::maxApplications; ++i)
+    last = names.root(":1." + std::to_string(i));
+  EXPECT_FALSE(last);
 }
 
 TEST(AccessibilityFaults, StoppedApplicationEndsWithTheDeadlineOrBefore) {

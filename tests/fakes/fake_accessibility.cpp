@@ -87,12 +87,13 @@ class Session : public AccessibilitySession {
     return result;
   }
 
-  void list(const FakeElement& element, AXElementState& state, std::size_t maxChildren) {
+  void list(const FakeElement& element, AXElementState& state, std::size_t& room) {
     for (const auto& child : element.children) {
-      if (state.children.size() == maxChildren) {
+      if (room == 0) {
         state.moreChildren = true;
         return;
       }
+      --room;
       state.children.push_back(numberOf(*child));
     }
   }

@@ -21,7 +21,7 @@ bool within(std::string_view part, std::string_view whole) {
 
 void readList(std::string_view body) {
   vesko::AtspiObjects objects(nullptr);
-  const vesko::AXElement root = objects.root(":1.1");
+  const vesko::AXElement root = objects.root(":1.1").value();
   vesko::DBusReply reply{.outcome = vesko::DBusReply::Outcome::value,
                          .signature = vesko::atspiItemsType,
                          .body = vesko::DBusReader(body)};

@@ -61,7 +61,7 @@ class AtspiSession : public AccessibilitySession {
     if (!justEnabled_) patience -= std::min(ageOf(process).value_or(patience), patience);
     const auto giveUpAt = std::min(context_.deadline, Clock::now() + patience);
     for (;;) {
-      if (const auto found = applicationOfProcess(process)) return *found;
+      if (const auto name = nameOfProcess(process)) return orFull(context_.objects.root(*name));
       if (context_.incomplete) return std::unexpected(AXError::cannotComplete);
       if (Clock::now() >= giveUpAt) break;
       ::poll(nullptr, 0, arrivalPauseMilliseconds);
@@ -71,7 +71,7 @@ class AtspiSession : public AccessibilitySession {
 
   std::expected<AXElement, AXError> systemWide() override {
     if (!bus_) return std::unexpected(AXError::apiDisabled);
-    return context_.objects.root(atspi::registry);
+    return orFull(context_.objects.root(atspi::registry));
   }
 
   std::expected<AXElement, AXError> focusedWindow(AXElement application) override {
@@ -119,7 +119,13 @@ class AtspiSession : public AccessibilitySession {
     return result;
   }
 
-  std::optional<AXElement> applicationOfProcess(pid_t process) {
+  /// The session may have met too many elements to take in another.
+  static std::expected<AXElement, AXError> orFull(std::optional<AXElement> element) {
+    if (!element) return std::unexpected(AXError::cannotComplete);
+    return *element;
+  }
+
+  std::optional<std::string> nameOfProcess(pid_t process) {
     std::vector<std::string> names;
     context_.bus->call(bus_->peer(atspi::registry), atspi::rootPath, atspi::accessible,
                        "GetChildren", {}, [&](const DBusReply& reply) {
@@ -148,7 +154,7 @@ class AtspiSession : public AccessibilitySession {
     context_.run();
     const auto found = std::ranges::find(processes, process);
     if (found == processes.end()) return std::nullopt;
-    return context_.objects.root(names[static_cast<std::size_t>(found - processes.begin())]);
+    return names[static_cast<std::size_t>(found - processes.begin())];
   }
 
   AtspiBus& pool_;

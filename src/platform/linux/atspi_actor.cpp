@@ -287,8 +287,9 @@ AXError AtspiActor::choose(const Target& target, std::string_view text) {
                        list.structure();
                        const std::string_view bus = list.text();
                        const std::string_view path = list.text();
-                       if (list.ok() && !bus.empty() && path != atspi::nullPath)
-                         options.push_back(context_.objects.element(bus, path, element));
+                       if (!list.ok() || bus.empty() || path == atspi::nullPath) continue;
+                       if (const auto option = context_.objects.element(bus, path, element))
+                         options.push_back(*option);
                      }
                    });
     }

@@ -42,39 +42,47 @@ std::string boundedText(std::string_view text) {
   return isValidUtf8(text) ? std::string(text) : std::string();
 }
 
-std::uint32_t AtspiObjects::applicationNamed(std::string_view busName) {
-  const auto [found, added] = applicationNumbers_.try_emplace(
-      std::string(busName), static_cast<std::uint32_t>(applications_.size()));
-  if (added)
-    applications_.push_back(
-        {.busName = std::string(busName), .peer = bus_ ? bus_->peer(busName) : 0});
-  return found->second;
+std::optional<std::uint32_t> AtspiObjects::applicationNamed(std::string_view busName) {
+  std::string name(busName);
+  if (const auto known = applicationNumbers_.find(name); known != applicationNumbers_.end())
+    return known->second;
+  if (applications_.size() >= maxApplications) return std::nullopt;
+  const auto number = static_cast<std::uint32_t>(applications_.size());
+  applications_.push_back({.busName = name, .peer = bus_ ? bus_->peer(busName) : 0});
+  applicationNumbers_.emplace(std::move(name), number);
+  return number;
 }
 
-AXElement AtspiObjects::element(std::string_view busName, std::string_view path, AXElement parent) {
-  const std::uint32_t application = applicationNamed(busName);
+std::optional<AXElement> AtspiObjects::element(std::string_view busName, std::string_view path,
+                                               AXElement parent) {
+  const auto application = applicationNamed(busName);
+  if (!application || path.size() > maxTextBytes) return std::nullopt;
   std::string key(path);
   key += '\n';
-  key += std::to_string(application);
-  const auto [found, added] =
-      numbers_.try_emplace(std::move(key), static_cast<AXElement>(objects_.size()));
-  if (added) {
-    AtspiObject& object = objects_.emplace_back();
-    object.application = application;
-    object.path = std::string_view(found->first).substr(0, path.size());
-    object.parent = parent;
-  }
-  return found->second;
+  key += std::to_string(*application);
+  if (const auto known = numbers_.find(key); known != numbers_.end()) return known->second;
+  if (objects_.size() >= maxElements || pathBytes_ + path.size() > maxTextBytes)
+    return std::nullopt;
+  pathBytes_ += path.size();
+  const auto number = static_cast<AXElement>(objects_.size());
+  const auto added = numbers_.emplace(std::move(key), number).first;
+  AtspiObject& object = objects_.emplace_back();
+  object.application = *application;
+  object.path = std::string_view(added->first).substr(0, path.size());
+  object.parent = parent;
+  return number;
 }
 
-AXElement AtspiObjects::root(std::string_view busName) {
+std::optional<AXElement> AtspiObjects::root(std::string_view busName) {
   return element(busName, atspi::rootPath, static_cast<AXElement>(objects_.size()));
 }
 
-AXElement AtspiObjects::page(std::string_view busName, std::string_view path, pid_t process) {
-  const AXElement page = element(busName, path, static_cast<AXElement>(objects_.size()));
-  objects_[page].isPage = true;
-  AtspiApplication& application = applicationOf(page);
+std::optional<AXElement> AtspiObjects::page(std::string_view busName, std::string_view path,
+                                            pid_t process) {
+  const auto page = element(busName, path, static_cast<AXElement>(objects_.size()));
+  if (!page) return std::nullopt;
+  objects_[*page].isPage = true;
+  AtspiApplication& application = applicationOf(*page);
   application.toolkit = AtspiToolkit::webkit;
   application.toolkitKnown = true;
   application.process = process;
@@ -89,6 +97,7 @@ void AtspiObjects::forgetStates() {
     object.children.clear();
     object.place = {};
   }
+  nameBytes_ = 0;
   for (AtspiApplication& application : applications_) {
     application.listed = false;
     application.windows.reset();
@@ -129,14 +138,19 @@ void AtspiObjects::learn(std::uint32_t application, const DBusReply& items) {
     if (!list.ok()) return;
     if (bus != name) continue;
     const bool hasParent = parentBus == name && parentPath != atspi::nullPath;
-    const AXElement parent = hasParent ? element(parentBus, parentPath, root(name)) : root(name);
-    const AXElement child = element(bus, path, parent);
-    AtspiObject& object = objects_[child];
+    const auto top = root(name);
+    const auto parent = hasParent && top ? element(parentBus, parentPath, *top) : top;
+    const auto child = parent ? element(bus, path, *parent) : std::nullopt;
+    if (!child) continue;
+    AtspiObject& object = objects_[*child];
+    const std::size_t others = nameBytes_ - object.facts.name.size();
+    if (others + facts.name.size() > maxTextBytes) continue;
+    nameBytes_ = others + facts.name.size();
     object.hasFacts = true;
     object.role = facts.role;
     object.facts = std::move(facts);
-    counts[child] = childCount;
-    if (hasParent && parent != child) places.push_back({parent, index, child});
+    counts[*child] = childCount;
+    if (hasParent && *parent != *child) places.push_back({*parent, index, *child});
   }
   std::ranges::sort(places, {}, [](const Place& p) { return std::tuple(p.parent, p.index); });
   // A list of children counts when it is exactly as long as the application says and in one order.

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -77,12 +78,18 @@ struct AtspiObject {
 /// One thread.
 class AtspiObjects {
  public:
+  /// What applications may make a session remember. Beyond it new elements are not taken in.
+  static constexpr std::size_t maxElements = 100'000;
+  static constexpr std::size_t maxApplications = 1000;
+  static constexpr std::size_t maxTextBytes = 32 << 20;  ///< of paths and listed names
+
   /// `bus` may be null; nothing can be asked then.
   explicit AtspiObjects(DBusConnection* bus) : bus_(bus) {}
 
-  /// The same number for the same name and path.
-  AXElement element(std::string_view busName, std::string_view path, AXElement parent);
-  AXElement root(std::string_view busName);
+  /// The same number for the same name and path; nothing when a new one would be too many.
+  std::optional<AXElement> element(std::string_view busName, std::string_view path,
+                                   AXElement parent);
+  std::optional<AXElement> root(std::string_view busName);
 
   AtspiObject& object(AXElement element) { return objects_[element]; }
   AtspiApplication& application(std::uint32_t number) { return applications_[number]; }
@@ -93,7 +100,7 @@ class AtspiObjects {
   std::size_t size() const { return objects_.size(); }
 
   /// The root of a web page of another application on the bus; its parent is known later.
-  AXElement page(std::string_view busName, std::string_view path, pid_t process);
+  std::optional<AXElement> page(std::string_view busName, std::string_view path, pid_t process);
 
   /// Numbers stay; what elements have told of themselves is asked anew.
   void forgetStates();
@@ -102,13 +109,15 @@ class AtspiObjects {
   void learn(std::uint32_t application, const DBusReply& items);
 
  private:
-  std::uint32_t applicationNamed(std::string_view busName);
+  std::optional<std::uint32_t> applicationNamed(std::string_view busName);
 
   DBusConnection* bus_;
   std::deque<AtspiObject> objects_;
   std::vector<AtspiApplication> applications_;
   std::unordered_map<std::string, std::uint32_t> applicationNumbers_;
   std::unordered_map<std::string, AXElement> numbers_;  ///< by application and path
+  std::size_t pathBytes_ = 0;
+  std::size_t nameBytes_ = 0;
 };
 
 /// At most maxAXValueBytes of a text, whole characters.

@@ -96,8 +96,9 @@ std::vector<AXElement> pagesIn(AtspiContext& context, const PageProcess& process
                         list.uint32();
                         list.text();
                         list.array(4);
-                        if (list.ok() && parent == atspi::nullPath)
-                          pages.push_back(context.objects.page(bus, path, process.process));
+                        if (!list.ok() || parent != atspi::nullPath) continue;
+                        if (const auto page = context.objects.page(bus, path, process.process))
+                          pages.push_back(*page);
                       }
                     });
   context.run();

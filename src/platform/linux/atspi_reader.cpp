@@ -52,9 +52,11 @@ std::vector<AXElementState> AtspiReader::read(std::span<const AXElement> element
     context_.run();
     if (wants(children)) {
       for (Item& item : items) {
-        if (item.showsPage && item.state.children.empty() && maxChildren_ > 0)
-          if (const auto page = pageInView(context_, item.element))
-            item.state.children.push_back(*page);
+        if (!item.showsPage || !item.state.children.empty() || room_ == 0) continue;
+        if (const auto page = pageInView(context_, item.element)) {
+          item.state.children.push_back(*page);
+          --room_;
+        }
       }
     }
   }
@@ -120,10 +122,9 @@ bool AtspiReader::visitUnlisted(std::uint32_t number, std::span<const AXElement>
                    if (!context_.got(reply) || !reply.is("a(so)")) return;
                    DBusReader body = reply.body;
                    DBusReader list = body.array(8);
-                   while (list.more()) {
+                   while (list.more() && visited < maxVisited) {
                      list.structure();
-                     if (const auto child = reference(list))
-                       visit(context_.objects.element(child->first, child->second, element));
+                     if (const auto child = known(list, element)) visit(*child);
                    }
                  });
   };
@@ -301,11 +302,9 @@ void AtspiReader::askChoice(Item& item) {
                DBusArguments().add(std::int32_t{0}), [this, &item](const DBusReply& reply) {
                  if (!context_.got(reply) || !reply.is("(so)")) return;
                  DBusReader body = reply.body;
-                 const auto chosen = reference(body);
+                 const auto chosen = known(body, item.element);
                  if (!chosen) return;
-                 const AXElement child =
-                     context_.objects.element(chosen->first, chosen->second, item.element);
-                 context_.askProperty(child, atspi::accessible, "Name",
+                 context_.askProperty(*chosen, atspi::accessible, "Name",
                                       [this, &item](const DBusReply& named) {
                                         context_.got(named);
                                         if (const auto name = textProperty(named))
@@ -317,6 +316,7 @@ void AtspiReader::askChoice(Item& item) {
 void AtspiReader::askLabelInside(Item& item, AXElement within, int depth) {
   constexpr int maxDepth = 6;
   constexpr std::size_t maxBreadth = 8;
+  constexpr int maxLookedInside = 128;
   context_.ask(within, atspi::accessible, "GetChildren", {},
                [this, &item, within, depth](const DBusReply& reply) {
                  if (!context_.got(reply) || !reply.is("a(so)")) return;
@@ -324,12 +324,10 @@ void AtspiReader::askLabelInside(Item& item, AXElement within, int depth) {
                  DBusReader list = body.array(8);
                  for (std::size_t i = 0; i < maxBreadth && list.more(); ++i) {
                    list.structure();
-                   const auto child = reference(list);
-                   if (!child) continue;
-                   const AXElement element =
-                       context_.objects.element(child->first, child->second, within);
-                   askWhetherLabel(item, element);
-                   if (depth < maxDepth) askLabelInside(item, element, depth + 1);
+                   const auto child = known(list, within);
+                   if (!child || ++item.lookedInside > maxLookedInside) continue;
+                   askWhetherLabel(item, *child);
+                   if (depth < maxDepth) askLabelInside(item, *child, depth + 1);
                  }
                });
 }
@@ -359,10 +357,16 @@ void AtspiReader::askWhetherLabel(Item& item, AXElement element) {
                });
 }
 
+std::optional<AXElement> AtspiReader::known(DBusReader& reader, AXElement parent) {
+  const auto named = reference(reader);
+  return named ? context_.objects.element(named->first, named->second, parent) : std::nullopt;
+}
+
 void AtspiReader::askChildren(Item& item) {
   const AtspiObject& object = context_.objects.object(item.element);
   if (object.hasChildren) {
-    const std::size_t count = std::min(object.children.size(), maxChildren_);
+    const std::size_t count = std::min(object.children.size(), room_);
+    room_ -= count;
     item.state.children.assign(object.children.begin(), object.children.begin() + count);
     item.state.moreChildren = count < object.children.size();
     return;
@@ -377,8 +381,8 @@ void AtspiReader::askChildren(Item& item) {
                        [this, &item, askAll](const DBusReply& reply) {
                          if (!context_.got(reply)) return;
                          const auto count = countProperty(reply);
-                         if (count && *count > 0 && std::size_t(*count) > maxChildren_)
-                           askChildrenByIndex(item, maxChildren_);
+                         if (count && *count > 0 && std::size_t(*count) > room_)
+                           askChildrenByIndex(item, std::exchange(room_, 0));
                          else
                            askAll();
                        });
@@ -393,9 +397,7 @@ void AtspiReader::askChildrenByIndex(Item& item, std::size_t count) {
                  [this, &item, index](const DBusReply& reply) {
                    if (!context_.got(reply) || !reply.is("(so)")) return;
                    DBusReader body = reply.body;
-                   if (const auto child = reference(body))
-                     item.byIndex[index] =
-                         context_.objects.element(child->first, child->second, item.element);
+                   item.byIndex[index] = known(body, item.element);
                  });
   }
 }
@@ -406,14 +408,17 @@ void AtspiReader::takeChildren(Item& item, const DBusReply& reply) {
   DBusReader list = body.array(8);
   while (list.more()) {
     list.structure();
-    const auto child = reference(list);
-    if (!child) continue;
-    if (item.state.children.size() == maxChildren_) {
+    const auto named = reference(list);
+    if (!named) continue;
+    const auto child = room_ > 0
+                           ? context_.objects.element(named->first, named->second, item.element)
+                           : std::nullopt;
+    if (!child) {
       item.state.moreChildren = true;
       return;
     }
-    item.state.children.push_back(
-        context_.objects.element(child->first, child->second, item.element));
+    --room_;
+    item.state.children.push_back(*child);
   }
 }
 

@@ -14,7 +14,7 @@ namespace vesko {
 class AtspiReader {
  public:
   AtspiReader(AtspiContext& context, AXAttributeSet wanted, std::size_t maxChildren)
-      : context_(context), places_(context), wanted_(wanted), maxChildren_(maxChildren) {}
+      : context_(context), places_(context), wanted_(wanted), room_(maxChildren) {}
 
   std::vector<AXElementState> read(std::span<const AXElement> elements);
 
@@ -27,6 +27,7 @@ class AtspiReader {
     unsigned factsAwaited = 0;
     bool showsPage = false;
     std::vector<std::optional<AXElement>> byIndex = {};  ///< children that are asked for one by one
+    int lookedInside = 0;                                ///< elements, for a label
   };
 
   bool wants(AXAttributeSet attribute) const { return (wanted_ & attribute) != 0; }
@@ -46,11 +47,13 @@ class AtspiReader {
   void askChildren(Item& item);
   void askChildrenByIndex(Item& item, std::size_t count);
   void takeChildren(Item& item, const DBusReply& reply);
+  /// The element that an answer refers to; nothing for none, or when it would be one too many.
+  std::optional<AXElement> known(DBusReader& reader, AXElement parent);
 
   AtspiContext& context_;
   AtspiPlaces places_;
   const AXAttributeSet wanted_;
-  const std::size_t maxChildren_;
+  std::size_t room_;  ///< children that may still be named
 };
 
 }  // namespace vesko

@@ -2,6 +2,7 @@
 //   cycle   every element is its own child and its parent's parent
 //   liar    the same in the list of elements that it keeps
 //   flood   a window with 25,000 children
+//   orchard a window with 50 children that have 20,000 each
 //   long    50 elements with names of a megabyte
 //   wrong   answers of other types than were asked for
 //   silent  answers who it is and nothing else
@@ -40,6 +41,8 @@ GVariant* children(const std::string& path) {
   } else if (path == window) {
     const int count = mode == "flood" ? 25000 : 50;
     for (int i = 0; i < count; ++i) add("/child/" + std::to_string(i));
+  } else if (mode == "orchard" && path.starts_with("/child/")) {
+    for (int i = 0; i < 20000; ++i) add("/of" + path + "/" + std::to_string(i));
   }
   return g_variant_new("(a(so))", &list);
 }
