@@ -11,6 +11,13 @@ std::string message(const json::Object& members) {
       R"({"jsonrpc":"2.0","id":null,"error":{"code":-32603,"message":"internal error"}})");
 }
 
+void dropNulls(Value& value) {
+  json::Object* members = value.asObject();
+  if (!members) return;
+  std::erase_if(*members, [](const json::Member& member) { return member.second.isNull(); });
+  for (auto& [key, member] : *members) dropNulls(member);
+}
+
 }  // namespace
 
 const Value* objectMember(const Value& value, std::string_view key) {
@@ -41,12 +48,13 @@ std::expected<std::optional<RpcMessage>, BadMessage> readMessage(const Value& me
   }
   if (id && !usable) return bad("id: expected a string or a number");
   const Value* params = message.find("params");
-  if (params && !params->asObject()) {
+  if (params && !params->isNull() && !params->asObject()) {
     return std::unexpected(BadMessage{usable ? *id : Value(),
                                       {RpcErrorCode::invalidParams, "params: expected an object"}});
   }
   RpcMessage read{.id = std::nullopt, .method = *method, .params = params ? *params : Value()};
   if (id) read.id = *id;
+  dropNulls(read.params);
   return read;
 }
 

@@ -30,7 +30,9 @@ struct RpcError {
 struct RpcMessage {
   std::optional<json::Value> id;  ///< a text or a number
   std::string method;
-  json::Value params;  ///< an object, or null when there are none
+  /// An object, or null when there are none. Members that are null, as many clients write those
+  /// that they leave out, are not in it, nor in the objects that it holds.
+  json::Value params;
 
   bool isNotification() const { return !id; }
 };
