@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <future>
 #include <latch>
 #include <set>
 #include <thread>
@@ -276,7 +278,7 @@ TEST_F(McpServerTest, SpeaksTheRevisionThatTheClientKnows) {
     SCOPED_TRACE(each.asked);
     initialize(each.asked);
     EXPECT_EQ(agreed_, each.agreed);
-    send(R"({"jsonrpc":"2.0","id":2,"method":"tools/list"})");
+    send(R"({"jsonrpc":"2.0","id":2,"method":"tools/list","params":{"cursor":null,"_meta":null}})");
     const Value list = next();
     const Value& tool = list.find("result")->find("tools")->asArray()->at(5);
     EXPECT_EQ(tool.find("annotations") != nullptr, each.annotations);
@@ -336,6 +338,30 @@ TEST_F(McpServerTest, AnswersAndCancelsWhileACallHangs) {
   helper_.reset();
   end();
   EXPECT_EQ(nextLine(), "");
+}
+
+TEST_F(McpServerTest, RefusesWhatIsTooMuchInABatchAlone) {
+  std::latch released(1);
+  onRequest([&](const std::string& path, const Value&) {
+    if (path == "/displays") released.wait();
+  });
+  initialize("2025-03-26");
+  send(callLine(1, "list_displays", "{}"));
+  std::string batch = "[" + callLine(2, "list_displays", "null");
+  for (int id = 3; id <= 18; ++id) batch += "," + callLine(id, "list_displays", "{}");
+  send(batch + "]");
+  send(R"({"jsonrpc":"2.0","id":"p","method":"ping","params":null})");
+  EXPECT_EQ(*next().find("id")->asString(), "p");
+  released.count_down();
+  std::size_t refused = 0;
+  for (int line = 0; line < 2; ++line) {
+    const Value answers = next();
+    if (!answers.asArray()) continue;
+    EXPECT_EQ(answers.asArray()->size(), 17);
+    for (const Value& answer : *answers.asArray())
+      refused += text(*answer.find("result")).starts_with("Too many calls");
+  }
+  EXPECT_EQ(refused, 2);
 }
 
 TEST_F(McpServerTest, ActsInOrderAndReportsProgress) {
@@ -472,6 +498,51 @@ TEST_F(McpServerTest, EndsWithItsClient) {
   EXPECT_FALSE(ok_);
   helper_.reset();
   EXPECT_EQ(std::ranges::count(desktop.asked, "/input/type"), 1);
+}
+
+class McpServerEndTest : public testing::Test {
+ protected:
+  McpServerEndTest() {
+    signal(SIGPIPE, SIG_IGN);
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) std::abort();
+    in_.reset(ends[0]);
+    toServer_.reset(ends[1]);
+  }
+  /// Whether the server ended in peace.
+  std::future<bool> serve(int out) {
+    return std::async(std::launch::async, [this, out] {
+      return Server(in_.get(), out, "1", {}, {.stall = std::chrono::milliseconds(50)}).run();
+    });
+  }
+
+  UniqueFd in_;
+  UniqueFd toServer_;
+};
+
+TEST_F(McpServerEndTest, TheReaderOfASocketGoesWhileTheInputStays) {
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const UniqueFd out(ends[0]);
+  auto served = serve(out.get());
+  ::close(ends[1]);
+  EXPECT_FALSE(served.get());
+}
+
+TEST_F(McpServerEndTest, TheClientLeavesWithoutReading) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd unread(ends[0]);
+  const UniqueFd out(ends[1]);
+  std::string requests;
+  for (int id = 0; id < 20; ++id)
+    requests += fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"tools/list","params":{{{}}}}})"
+                            "\n",
+                            id, stateless);
+  ASSERT_EQ(::write(toServer_.get(), requests.data(), requests.size()), requests.size());
+  auto served = serve(out.get());
+  toServer_.reset();
+  EXPECT_FALSE(served.get());
 }
 
 }  // namespace

@@ -3,8 +3,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 
 #include "base/text.h"
 #include "helper/bounded_lines.h"
@@ -61,6 +63,7 @@ bool Server::run() {
         handleLine(line->text);
     }
   }
+  ended_ = true;
   finish();
   return !broken_;
 }
@@ -256,15 +259,31 @@ void Server::write(std::string_view line) {
   const MutexLock lock(output_);
   std::string_view unsent = message;
   while (!unsent.empty() && !broken_) {
-    const ssize_t count = ::write(out_, unsent.data(), unsent.size());
-    if (count >= 0) {
-      unsent.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno == EAGAIN) {
-      pollfd ready{out_, POLLOUT, 0};
-      ::poll(&ready, 1, -1);
-    } else if (errno != EINTR) {
+    if (!writable()) {
       broken_ = true;
+      break;
     }
+    // This much never blocks once poll has said that there is room: a client that does not read
+    // must not hold a thread that could see it leave.
+    const ssize_t count =
+        ::write(out_, unsent.data(), std::min<std::size_t>(unsent.size(), PIPE_BUF));
+    if (count >= 0)
+      unsent.remove_prefix(static_cast<std::size_t>(count));
+    else if (errno != EINTR && errno != EAGAIN)
+      broken_ = true;
+  }
+}
+
+/// Waits until the output takes something. False when nobody will ever read it.
+bool Server::writable() const {
+  for (;;) {
+    pollfd output{out_, POLLOUT, 0};
+    const int ready = ::poll(&output, 1, static_cast<int>(limits_.stall.count()));
+    if (ready < 0 && errno != EINTR) return false;
+    if (ready > 0) return !(output.revents & noReader);
+    // The thread that reads may be the one that waits here, so the input is asked itself.
+    pollfd input{in_, 0, 0};
+    if (ready == 0 && (ended_ || (::poll(&input, 1, 0) > 0 && input.revents))) return false;
   }
 }
 

@@ -35,6 +35,8 @@ class Server {
     std::size_t reading = 6;  ///< calls that look at the same time
     /// How long calls may go on once the client has ended its stream.
     std::chrono::milliseconds leave{2000};
+    /// How long the output may be full once the client has ended its stream.
+    std::chrono::milliseconds stall{30'000};
   };
 
   /// Borrows the descriptors.
@@ -75,6 +77,7 @@ class Server {
   void respond(std::string answer, const std::shared_ptr<Batch>& batch);
   void settle(const std::shared_ptr<Batch>& batch);
   void write(std::string_view line);
+  bool writable() const;
 
   const int in_;
   const int out_;
@@ -91,6 +94,7 @@ class Server {
   Mutex output_;
   std::atomic<bool> broken_{false};   ///< the output takes no more
   std::atomic<bool> leaving_{false};  ///< nothing further is begun
+  std::atomic<bool> ended_{false};    ///< the input was read to its end
 
   // They end first, while everything that they use is still there.
   Lane acting_{1};
