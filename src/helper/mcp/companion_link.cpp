@@ -15,12 +15,14 @@ constexpr std::size_t maxIdle = 8;
 struct Advice {
   std::string_view saying;  ///< a part of the companion's message
   std::string_view next;
+  LinkError::Kind kind = LinkError::Kind::refused;
 };
 
 constexpr Advice advices[] = {
     {"application not found",
      "list_windows shows the bundle_id of what runs; launch_application "
-     "starts what is installed."},
+     "starts what is installed.",
+     LinkError::Kind::noApplication},
     {"window not found", "Window ids end with their window: take a current one from list_windows."},
     {"display not found", "list_displays shows the ids."},
     {"AX error -25205",
@@ -29,10 +31,14 @@ constexpr Advice advices[] = {
     {"AX error -25206",
      "The element does not offer that action; click the middle of its frame "
      "instead."},
-    {"AX error -25211", "That application offers no accessibility; use capture_screen and click."},
+    {"the application does not answer",
+     "It may be busy or starting: wait_for_element waits for it.", LinkError::Kind::silent},
+    {"AX error -25211", "That application offers no accessibility; use capture_screen and click.",
+     LinkError::Kind::silent},
     {"AX error -25212",
      "No window has the keyboard, or it shows no elements: see list_windows, bring one to the "
-     "front with control_window, or pass bundle_id."},
+     "front with control_window, or pass bundle_id.",
+     LinkError::Kind::silent},
     {"AX error",
      "Take a new desktop_snapshot and look whether the element is enabled; click and "
      "type_text may work where the action does not."},
@@ -46,14 +52,20 @@ constexpr Advice advices[] = {
     {"rejected quit",
      "The application did not take the request; a dialog of it may be waiting for "
      "an answer: take a desktop_snapshot."},
-    {"not found", "This companion does not offer that yet; the user may need a newer version."},
 };
 
-std::string withAdvice(std::string message) {
+/// The router's own word, which is that of no tool.
+constexpr std::string_view noRoute = "not found";
+
+LinkError refusal(int status, const std::string& message) {
+  if (status == 404 && message == noRoute)
+    return {LinkError::Kind::refused, status,
+            "This companion does not offer that yet; the user may need a newer version."};
   for (const Advice& advice : advices) {
-    if (message.contains(advice.saying)) return fmt::format("{}. {}", message, advice.next);
+    if (message.contains(advice.saying))
+      return {advice.kind, status, fmt::format("{}. {}", message, advice.next)};
   }
-  return message;
+  return {LinkError::Kind::refused, status, message};
 }
 
 LinkError missingPermission(const std::string& needs) {
@@ -85,9 +97,8 @@ std::expected<Value, LinkError> judge(LocalAnswer answer) {
                   "The element does not exist any more: its window changed or closed. Take a new "
                   "desktop_snapshot (or find_elements) and use a reference from there."});
   return std::unexpected(
-      LinkError{LinkError::Kind::refused, answer.status,
-                text ? withAdvice(*text)
-                     : fmt::format("The companion answered with status {}.", answer.status)});
+      refusal(answer.status,
+              text ? *text : fmt::format("The companion answered with status {}.", answer.status)));
 }
 
 LinkError explain(const LocalClientError& error) {

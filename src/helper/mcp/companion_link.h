@@ -21,10 +21,12 @@ namespace vesko::mcp {
 
 struct LinkError {
   enum class Kind {
-    unreachable,  ///< no helper, or no companion behind it: nothing was done
-    refused,      ///< the companion's own answer: nothing was done
-    elementGone,  ///< likewise, because the element does not exist any more
-    unknown,      ///< no usable answer: it may have been done
+    unreachable,    ///< no helper, or no companion behind it: nothing was done
+    refused,        ///< the companion's own answer: nothing was done
+    elementGone,    ///< likewise, because the element does not exist any more
+    noApplication,  ///< likewise, because the application does not run or does not exist
+    silent,         ///< likewise, because the application or its elements do not answer now
+    unknown,        ///< no usable answer: it may have been done
     cancelled,
   };
 

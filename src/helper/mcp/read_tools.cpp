@@ -29,7 +29,13 @@ json::Object findRequest(const ToolCall& call, std::int64_t limit) {
   return request;
 }
 
-ToolResult describeFound(const ToolCall& call, const json::Array& elements, std::int64_t limit) {
+struct Found {
+  json::Array elements = {};
+  std::string missed = {};  ///< why there may be more than could be read; empty when there is not
+};
+
+ToolResult describeFound(const ToolCall& call, const Found& result, std::int64_t limit) {
+  const json::Array& elements = result.elements;
   std::string text;
   json::Array found;
   for (const Value& element : elements) {
@@ -49,22 +55,30 @@ ToolResult describeFound(const ToolCall& call, const json::Array& elements, std:
     }
     found.emplace_back(std::move(entry));
   }
-  if (elements.empty())
+  if (elements.empty() && result.missed.empty())
     text =
         "No element matches. Titles and values match by containing the text in any case; leave "
         "out criteria, or look with desktop_snapshot.\n";
   if (std::cmp_greater_equal(elements.size(), limit))
     text += fmt::format("There may be more than limit={}.\n", limit);
+  if (!result.missed.empty())
+    text += (elements.empty() ? "Nothing was found, but " : "There may be more: ") + result.missed +
+            "\n";
   std::size_t rest = 0;
   text = wholeLines(text, maxTextBytes, rest);
   return {.text = std::move(text), .structured = json::Object{{"elements", std::move(found)}}};
 }
 
-std::expected<json::Array, LinkError> find(const ToolCall& call, std::int64_t limit) {
+std::expected<Found, LinkError> find(const ToolCall& call, std::int64_t limit) {
   auto answer = call.post("/ax/find", findRequest(call, limit));
   if (!answer) return std::unexpected(std::move(answer.error()));
+  Found found;
   const Value* elements = answer->find("elements");
-  return elements && elements->asArray() ? *elements->asArray() : json::Array();
+  if (elements && elements->asArray()) found.elements = *elements->asArray();
+  if (const std::string* reason = textMember(*answer, "incomplete"))
+    found.missed = *reason == "size" ? "the application has more elements than were looked at."
+                                     : "the application stopped answering before all was read.";
+  return found;
 }
 
 }  // namespace
@@ -98,8 +112,8 @@ ToolResult desktopSnapshot(const ToolCall& call) {
 
 ToolResult findElements(const ToolCall& call) {
   const std::int64_t limit = call.integer("limit", defaultFound);
-  const auto elements = find(call, limit);
-  return elements ? describeFound(call, *elements, limit) : failed(elements.error());
+  const auto found = find(call, limit);
+  return found ? describeFound(call, *found, limit) : failed(found.error());
 }
 
 ToolResult waitForElement(const ToolCall& call) {
@@ -108,24 +122,28 @@ ToolResult waitForElement(const ToolCall& call) {
   const bool gone = call.flag("gone");
   const auto start = std::chrono::steady_clock::now();
   for (int turn = 1;; ++turn) {
-    auto elements = find(call, limit);
-    // An application that is still starting, or has ended, has no elements.
-    if (!elements && elements.error().message.starts_with("application not found"))
-      elements = json::Array();
-    if (!elements) return failed(elements.error());
-    if (elements->empty() == gone) return describeFound(call, *elements, limit);
+    auto found = find(call, limit);
+    using Kind = LinkError::Kind;
+    if (!found && found.error().kind != Kind::noApplication && found.error().kind != Kind::silent)
+      return failed(found.error());
+    // An application that does not run has no elements; one that is starting does not answer yet.
+    const bool there = found && !found->elements.empty();
+    const bool known =
+        there || (found ? found->missed.empty() : found.error().kind == Kind::noApplication);
+    if (known && there != gone)
+      return describeFound(call, found ? std::move(*found) : Found(), limit);
     const auto passed = std::chrono::steady_clock::now() - start;
+    const std::string_view state = !known ? "it is not known whether the element is there"
+                                   : gone ? "the element is still there"
+                                          : "there is no such element";
     if (passed >= bound) {
-      ToolResult result = describeFound(call, *elements, limit);
-      result.text = fmt::format("After {} s {}.\n", bound.count(),
-                                gone ? "the element is still there" : "there is no such element") +
-                    result.text;
+      ToolResult result = found ? describeFound(call, *found, limit) : failed(found.error());
+      result.text = fmt::format("After {} s {}.\n", bound.count(), state) + result.text;
       result.isError = true;
       return result;
     }
     call.context.progress(std::chrono::duration<double>(passed).count(),
-                          static_cast<double>(bound.count()),
-                          gone ? "still there" : "not there yet");
+                          static_cast<double>(bound.count()), std::string(state));
     if (!call.context.wait(turn < 5 ? 100ms : 300ms)) return ToolResult::failure("cancelled");
   }
 }

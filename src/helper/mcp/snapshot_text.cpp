@@ -143,6 +143,10 @@ std::string snapshotText(const Value& response, ElementRefs& refs,
         "Cut at max_nodes={}: there may be more. Raise it (up to 2000), pass "
         "element for one part, or use find_elements.\n",
         options.maxNodes);
+  else if (textOf(response, "incomplete") == "size")
+    notes +=
+        "Cut: there is more than one answer holds. Pass element for one part, or use "
+        "find_elements.\n";
   if (renderer.left > 0)
     notes += fmt::format("({} unnamed or repeating elements are left out)\n", renderer.left);
   std::size_t rest = 0;
