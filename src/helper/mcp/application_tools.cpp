@@ -13,6 +13,7 @@ using json::Value;
 using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds launchBound = 5s;
+constexpr std::chrono::milliseconds quitBound = 2s;
 constexpr std::chrono::milliseconds applicationTime = 60s;
 
 std::expected<json::Object, ToolResult> application(const ToolCall& call) {
@@ -24,29 +25,13 @@ std::expected<json::Object, ToolResult> application(const ToolCall& call) {
   return std::unexpected(ToolResult::failure("Give exactly one of bundle_id and name."));
 }
 
-/// What the windows say after an application was asked for something.
-ToolResult compareWindows(const ToolCall& call, const Scene& before,
-                          std::chrono::milliseconds bound, const std::string& done,
-                          const std::string& otherwise) {
-  Scene after;
-  std::vector<std::string> said;
-  int turn = 0;
-  becomes(call, bound, [&] {
-    after = readScene(call, {.windowsOnly = true});
-    said = changes(before, after, false);
-    if (said.empty()) call.context.progress(1 + ++turn, std::nullopt, "waiting for its windows");
-    return !said.empty();
-  });
-  if (said.empty())
-    return outcomeResult(Outcome::notVerifiable,
-                         done + "; " + (after.problem.empty() ? otherwise : after.problem));
-  std::string detail = done;
-  for (const std::string& one : said) detail += "; " + one;
-  return outcomeResult(Outcome::confirmed, std::move(detail));
-}
-
 const WindowState* windowIn(const std::vector<WindowState>& windows, std::int64_t id) {
   const auto found = std::ranges::find(windows, id, &WindowState::id);
+  return found == windows.end() ? nullptr : &*found;
+}
+
+const WindowState* focusedIn(const std::vector<WindowState>& windows) {
+  const auto found = std::ranges::find(windows, true, &WindowState::focused);
   return found == windows.end() ? nullptr : &*found;
 }
 
@@ -65,41 +50,70 @@ ToolResult launchApplication(const ToolCall& call) {
   if (!answer) return failed(answer.error());
   const Value* pid = answer->find("pid");
   const std::int64_t process = pid ? pid->asInteger().value_or(0) : 0;
+  Scene after;
+  std::vector<std::string> said;
+  int turn = 0;
+  becomes(call, launchBound, [&] {
+    after = readScene(call, {.windowsOnly = true});
+    said = changes(before, after, false);
+    if (said.empty()) call.context.progress(1 + ++turn, std::nullopt, "waiting for its windows");
+    return !said.empty();
+  });
+  std::string detail = fmt::format("it runs as process {}", process);
+  for (const std::string& one : said) detail += "; " + one;
+  if (said.empty())
+    detail += "; " + (after.problem.empty()
+                          ? "no new window shows; it may have been open already: see list_windows, "
+                            "or use activate_application"
+                          : after.problem);
   ToolResult result =
-      compareWindows(call, before, launchBound, fmt::format("it runs as process {}", process),
-                     "no new window shows; it may have been open already: see "
-                     "list_windows, or use activate_application");
-  if (result.structured && result.structured->asObject())
-    result.structured->asObject()->emplace_back("pid", process);
+      outcomeResult(said.empty() ? Outcome::notVerifiable : Outcome::confirmed, std::move(detail));
+  result.structured->asObject()->emplace_back("pid", process);
   return result;
 }
 
 ToolResult activateApplication(const ToolCall& call) {
   auto request = application(call);
   if (!request) return std::move(request.error());
-  auto answer = call.post("/app/activate", std::move(*request), applicationTime);
+  auto answer = call.post("/app/activate", *request, applicationTime);
   if (!answer) return failed(answer.error());
-  const auto windows = readWindows(call);
-  if (!windows) return outcomeResult(Outcome::notVerifiable, windows.error().message);
-  const auto front = std::ranges::find(*windows, true, &WindowState::focused);
-  if (front == windows->end())
-    return outcomeResult(Outcome::notVerifiable, "no window says that it has the keyboard");
-  const std::string* bundle = call.text("bundle_id");
-  if (bundle && !front->bundleId.empty() && front->bundleId != *bundle)
-    return outcomeResult(Outcome::notVerifiable,
-                         "another window is in front: " + front->describe());
-  return outcomeResult(Outcome::confirmed, "in front now: " + front->describe());
+  const auto own = readWindows(call, std::move(*request));
+  if (!own) return outcomeResult(Outcome::notVerifiable, own.error().message);
+  if (const WindowState* front = focusedIn(*own))
+    return outcomeResult(Outcome::confirmed, "in front now: " + front->describe());
+  const auto all = readWindows(call);
+  const WindowState* other = all ? focusedIn(*all) : nullptr;
+  return outcomeResult(Outcome::notVerifiable,
+                       other ? "another window is in front: " + other->describe()
+                             : "no window of it says that it has the keyboard");
 }
 
 ToolResult quitApplication(const ToolCall& call) {
   auto request = application(call);
   if (!request) return std::move(request.error());
-  const Scene before = readScene(call, {.windowsOnly = true});
-  auto answer = call.post("/app/quit", std::move(*request), applicationTime);
+  const auto before = readWindows(call, *request);
+  auto answer = call.post("/app/quit", *request, applicationTime);
   if (!answer) return failed(answer.error());
-  return compareWindows(call, before, 2s, "it took the request to quit",
-                        "its windows are as before; it may be asking about unsaved changes: take a "
-                        "desktop_snapshot");
+  std::expected<std::vector<WindowState>, LinkError> after;
+  const bool gone = becomes(call, quitBound, [&] {
+    after = readWindows(call, *request);
+    if (!after) return after.error().kind == LinkError::Kind::noApplication;
+    return after->empty() && before && !before->empty();
+  });
+  if (gone)
+    return outcomeResult(Outcome::confirmed,
+                         after ? "its windows are gone" : "the application has ended");
+  if (!after) return outcomeResult(Outcome::notVerifiable, after.error().message);
+  std::string detail = "it took the request to quit, but ";
+  if (after->empty())
+    return outcomeResult(Outcome::notVerifiable, detail + "had no window to see it by");
+  detail += "still has windows";
+  for (const WindowState& window : *after) {
+    if (!before || !windowIn(*before, window.id)) detail += "; window opened: " + window.describe();
+  }
+  return outcomeResult(
+      Outcome::notVerifiable,
+      detail + "; it may be asking about unsaved changes: take a desktop_snapshot");
 }
 
 ToolResult controlWindow(const ToolCall& call) {

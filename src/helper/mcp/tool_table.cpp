@@ -174,8 +174,8 @@ constexpr auto table = std::to_array<ToolEntry>({
      .run = listDisplays},
     {.name = "capture_screen",
      .title = "Capture the screen",
-     .description = "Takes a picture of a display (the main one), a window (also what covers it is "
-                    "left out) or a region of a display in points. Use it when elements do not "
+     .description = "Takes a picture of a display (the main one), a window (what covers it is left "
+                    "out) or a region of a display in points. Use it when elements do not "
                     "tell enough. To click what you see, pass pixel coordinates and the map that "
                     "comes with the picture to click, drag or scroll.",
      .inputSchema =
