@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <deque>
 #include <future>
 #include <latch>
 #include <set>
@@ -34,13 +35,27 @@ class Desktop {
     const auto has = [&](const char* key) { return body.find(key) != nullptr; };
     const auto text = [&](const char* key) { return *body.find(key)->asString(); };
     asked.push_back(path);
-    if (path == "/window/list")
+    if (auto& answers = scripted[path]; !answers.empty()) {
+      auto next = std::move(answers.front());
+      answers.pop_front();
+      return next;
+    }
+    if (path == "/window/list") {
+      const bool some = has("bundle_id") || has("name");
+      if (some && !running) return {400, R"({"message":"application not found"})"};
+      const std::string front =
+          inFront.empty() || (some && !inFront.contains(R"("bundle_id":"a")")) ? "" : inFront + ",";
       return {
           200,
           fmt::format(
-              R"({{"windows":[{{"bundle_id":"a","title":"{}","window_id":5,)"
-              R"("frame":{{"x":{},"y":20,"w":300,"h":200}},"focused":true,"minimized":false}}]}})",
-              title, windowX)};
+              R"({{"windows":[{}{{"bundle_id":"a","title":"{}","window_id":5,)"
+              R"("frame":{{"x":{},"y":20,"w":300,"h":200}},"focused":{},"minimized":false}}]}})",
+              front, title, windowX, inFront.empty())};
+    }
+    if (path == "/app/activate" || path == "/app/quit" || path == "/window/focus")
+      return {200, R"({"ok":true})"};
+    if (path == "/app/launch")
+      return {400, R"({"message":"application launch failed: the program \"foo\" was not found"})"};
     if (path == "/window/move") {
       if (obeys) windowX = static_cast<int>(*body.find("x")->asDouble());
       return {200, R"({"ok":true})"};
@@ -57,9 +72,9 @@ class Desktop {
                             R"("children":[{{"role":"AXWindow","path":"{}","children":[]}}]}}}})",
                             window)};
       const std::string field = fmt::format(
-          R"({{"role":"AXTextField","value":{},"focused":true,"frame":{{"x":10,"y":20,"w":100,"h":30}},)"
+          R"({{"role":"AXTextField","value":{},"focused":true,"frame":{{"x":{},"y":20,"w":100,"h":30}},)"
           R"("path":"{}/AXTextField[0]","children":[]}})",
-          *json::serialize(value), window);
+          *json::serialize(value), fieldX, window);
       if (has("element_path") && text("element_path").ends_with("AXTextField[0]"))
         return {200, "{\"tree\":" + field + "}"};
       return {200,
@@ -101,6 +116,11 @@ class Desktop {
   bool retitles = false;
   bool incomplete = false;
   int windowX = 10;
+  int fieldX = 10;
+  bool running = true;
+  std::string inFront;  ///< the JSON of another window, which has the keyboard
+  /// What comes before the usual answers of a route.
+  std::map<std::string, std::deque<test::FakeHelper::Answer>> scripted;
 };
 
 class McpServerTest : public testing::Test {
@@ -436,7 +456,7 @@ TEST_F(McpServerTest, SaysWhatToDoNext) {
       {"desktop_snapshot", R"({"max_nodes":2001})",
        "max_nodes: expected an integer from 1 to 2000"},
       {"quit_application", "{}", "exactly one of bundle_id and name"},
-      {"quit_application", R"({"name":"x"})", "does not offer that yet"},
+      {"find_elements", "{}", "does not offer that yet"},
       {"get_photo", R"({"uuid":"x"})", "no such photo"},
       {"click", R"({"x":1})", "Give both x and y"},
       {"click", R"({"x":1,"y":1,"map":"zz"})", "that capture_screen gave"},
@@ -452,11 +472,75 @@ TEST_F(McpServerTest, SaysWhatToDoNext) {
     EXPECT_EQ(result.find("isError")->asBool(), true);
     EXPECT_TRUE(text(result).contains(each.says)) << text(result);
   }
+  EXPECT_EQ(text(call("launch_application", R"({"name":"x"})")),
+            "application launch failed: the program \"foo\" was not found");
   // The helper goes, and another comes.
   helper_.reset();
   EXPECT_TRUE(text(call("list_windows")).contains("Ask the user to start it"));
   startHelper();
   EXPECT_EQ(call("list_windows").find("isError")->asBool(), false);
+}
+
+TEST_F(McpServerTest, WaitsForWhatIsNotKnownYet) {
+  initialize();
+  const test::FakeHelper::Answer notRunning{400, R"({"message":"application not found"})"};
+  const test::FakeHelper::Answer cut{200, R"({"elements":[],"incomplete":"deadline"})"};
+  const test::FakeHelper::Answer one{200, R"({"elements":[{"role":"AXButton","path":"p"}]})"};
+  const auto wait = [&](const char* arguments, std::deque<test::FakeHelper::Answer> answers) {
+    desktop.scripted["/ax/find"] = std::move(answers);
+    const Value result = call("wait_for_element", arguments);
+    EXPECT_TRUE(desktop.scripted["/ax/find"].empty());
+    return result.find("isError")->asBool() == false;
+  };
+  EXPECT_TRUE(wait(R"({"title":"x"})", {notRunning,
+                                        {400, R"({"message":"the application does not answer"})"},
+                                        {400, R"({"message":"read failed with AX error -25211"})"},
+                                        cut,
+                                        one}));
+  EXPECT_TRUE(wait(R"({"title":"x","gone":true})", {one, cut, notRunning}));
+  EXPECT_FALSE(wait(R"({"title":"x"})", {{400, R"({"message":"no criteria"})"}}));
+  desktop.scripted["/ax/find"] = {cut};
+  EXPECT_TRUE(text(call("find_elements")).contains("stopped answering"));
+}
+
+TEST_F(McpServerTest, KnowsAnApplicationByItsOwnWindows) {
+  initialize();
+  EXPECT_EQ(outcome(call("activate_application", R"({"name":"A"})")), "confirmed");
+  desktop.inFront =
+      R"({"bundle_id":"b","title":"Other","window_id":6,"frame":{"x":0,"y":0,"w":900,"h":500},"focused":true})";
+  EXPECT_TRUE(text(call("activate_application", R"({"name":"A"})"))
+                  .starts_with("not_verifiable: another window is in front: 6 \"Other\""));
+  desktop.inFront.clear();
+  onRequest([this](const std::string& path, const Value&) {
+    if (path == "/app/quit")
+      desktop.inFront = R"({"bundle_id":"a","title":"Save changes?","window_id":7,"focused":true})";
+  });
+  const std::string asking = text(call("quit_application", R"({"name":"A"})"));
+  EXPECT_TRUE(asking.starts_with("not_verifiable")) << asking;
+  EXPECT_TRUE(asking.contains("window opened: 7 \"Save changes?\"")) << asking;
+  onRequest([this](const std::string& path, const Value&) {
+    if (path == "/app/quit") desktop.running = false;
+  });
+  EXPECT_EQ(text(call("quit_application", R"({"bundle_id":"a"})")),
+            "confirmed: the application has ended");
+}
+
+TEST_F(McpServerTest, ClicksAnElementOnlyWhereItIsReached) {
+  initialize();
+  call("desktop_snapshot");
+  const std::string covering =
+      R"({"bundle_id":"b","title":"Other","window_id":6,"frame":{"x":0,"y":0,"w":900,"h":500},"focused":true})";
+  desktop.inFront = covering;
+  EXPECT_TRUE(text(call("click", R"({"element":"e2"})")).contains("lies over the element: 6"));
+  onRequest([this](const std::string& path, const Value&) {
+    if (path == "/window/focus") desktop.inFront.clear();
+  });
+  call("click", R"({"element":"e2"})");
+  EXPECT_EQ(desktop.clicked, R"({"x":60,"y":35,"count":1})");
+  desktop.clicked.clear();
+  desktop.fieldX = 5000;
+  EXPECT_TRUE(text(call("click", R"({"element":"e2"})")).contains("5050,35, lies on no display"));
+  EXPECT_EQ(desktop.clicked, "");
 }
 
 TEST_F(McpServerTest, CapturesFitAndLeadBackToTheScreen) {

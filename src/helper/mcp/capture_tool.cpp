@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "helper/mcp/capture_map.h"
+#include "helper/mcp/displays.h"
 #include "helper/mcp/json_rpc.h"
 #include "helper/mcp/outcome.h"
 
@@ -33,20 +34,12 @@ struct Capture {
 
 /// The top left corner of a display in screen points; nothing when it cannot be known.
 std::optional<Point> displayOrigin(const ToolCall& call, const std::string* id) {
-  const auto answer = call.post("/displays", {});
-  const Value* list = answer ? answer->find("displays") : nullptr;
-  if (!list || !list->asArray()) return std::nullopt;
-  for (const Value& display : *list->asArray()) {
-    const std::string* name = textMember(display, "id");
-    const Value* primary = display.find("primary");
-    if (id ? !name || *name != *id : !primary || primary->asBool() != true) continue;
-    const auto place = [&display](std::string_view key) {
-      const Value* given = display.find(key);
-      return given ? given->asDouble().value_or(0) : 0;
-    };
-    return Point{place("x"), place("y")};
-  }
-  return std::nullopt;
+  const auto displays = readDisplays(call);
+  if (!displays) return std::nullopt;
+  const auto found = std::ranges::find_if(
+      *displays, [id](const Display& each) { return id ? each.id == *id : each.primary; });
+  return found == displays->end() ? std::nullopt
+                                  : std::optional(Point{found->area.x, found->area.y});
 }
 
 std::optional<Point> windowOrigin(const ToolCall& call, std::int64_t id) {

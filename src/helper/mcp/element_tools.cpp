@@ -1,6 +1,7 @@
 // The tools that act on an element through accessibility.
 #include <fmt/format.h>
 
+#include "helper/mcp/element_place.h"
 #include "helper/mcp/json_rpc.h"
 #include "helper/mcp/outcome.h"
 #include "helper/mcp/snapshot_text.h"
@@ -10,46 +11,6 @@ namespace {
 
 using json::Value;
 using namespace std::chrono_literals;
-
-/// The path of the window that holds the element, where an action's effect is most likely to show.
-std::string windowPath(const std::string& path) {
-  // Titles are percent-encoded, so a slash always separates.
-  std::size_t segments = path.starts_with("AXSystemWide") ? 3 : 2;
-  std::size_t end = 0;
-  while (segments-- > 0 && end != std::string::npos) end = path.find('/', end + (end > 0 ? 1 : 0));
-  return path.substr(0, end);
-}
-
-std::expected<Value, LinkError> readTree(const ToolCall& call, const std::string& path, int nodes) {
-  auto answer =
-      call.post("/ax/snapshot",
-                {{"element_path", path}, {"max_nodes", nodes}, {"include_offscreen", true}}, 5s);
-  if (!answer) return std::unexpected(std::move(answer.error()));
-  const Value* tree = objectMember(*answer, "tree");
-  return tree ? *tree : Value();
-}
-
-/// The same path with the window as it is titled now, when its application has no other.
-std::optional<std::string> retitled(const ToolCall& call, const std::string& path) {
-  const std::string window = windowPath(path);
-  const std::string application = window.substr(0, window.rfind('/'));
-  if (!window.contains("[title=") || application == window) return std::nullopt;
-  const auto tree = readTree(call, application, 16);
-  const Value* children = tree ? tree->find("children") : nullptr;
-  const json::Array* windows = children ? children->asArray() : nullptr;
-  const std::string* now =
-      windows && windows->size() == 1 ? textMember(windows->front(), "path") : nullptr;
-  return now ? std::optional(*now + path.substr(window.size())) : std::nullopt;
-}
-
-/// An element that was acted on: what was done to it may have changed the title of its window, as
-/// that of a document that is not saved any more, and the title is part of its path.
-std::expected<Value, LinkError> readElement(const ToolCall& call, const std::string& path) {
-  auto element = readTree(call, path, 1);
-  if (element || element.error().kind != LinkError::Kind::elementGone) return element;
-  const auto now = retitled(call, path);
-  return now ? readTree(call, *now, 1) : element;
-}
 
 ToolResult focus(const ToolCall& call, const std::string& path) {
   std::string now;

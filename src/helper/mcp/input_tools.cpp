@@ -6,6 +6,7 @@
 #include "base/utf8.h"
 #include "helper/key_combination.h"
 #include "helper/mcp/capture_map.h"
+#include "helper/mcp/element_place.h"
 #include "helper/mcp/json_rpc.h"
 #include "helper/mcp/outcome.h"
 
@@ -61,17 +62,9 @@ Place target(const ToolCall& call) {
   if (call.number("x") || call.number("y")) return refuse("Give either element or x and y.");
   auto path = call.elementPath();
   if (!path) return std::unexpected(std::move(path.error()));
-  auto answer = call.post(
-      "/ax/snapshot", {{"element_path", *path}, {"max_nodes", 1}, {"include_offscreen", true}}, 5s);
-  if (!answer) return std::unexpected(failed(answer.error()));
-  const Value* tree = objectMember(*answer, "tree");
-  const Value* frame = tree ? objectMember(*tree, "frame") : nullptr;
-  Rect rect;
-  if (!frame || !json::decodeInto(*frame, rect) || rect.w <= 0 || rect.h <= 0)
-    return refuse(
-        "The element does not say where it is on the screen. Use capture_screen and x, y "
-        "with its map.");
-  return Point{rect.x + rect.w / 2, rect.y + rect.h / 2};
+  auto point = reachablePoint(call, *path);
+  if (!point) return std::unexpected(std::move(point.error()));
+  return *point;
 }
 
 LinkError cancelledCall() {
