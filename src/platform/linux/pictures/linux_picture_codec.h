@@ -1,6 +1,8 @@
 // Picture files by the libraries of the system. Every decoder is chosen by the file's first bytes,
 // never by its name. Any thread, several at once.
 //
+// The frames of an AVIF file are bounded by its decoder alone, not by what the file declares.
+//
 // Not read: a camera's raw data. Colours are brought to sRGB by the file's ICC profile alone: a
 // grey picture's profile and what HEIC may say by numbers of its colour space are not looked at.
 #pragma once
