@@ -47,8 +47,8 @@ ColorTransform colorsOf(const heif_image_handle* handle) {
   return {profile, PixelContent::bgra};
 }
 
-/// What a file declares is what may be decoded: neither frames nor the canvas on which tiles are
-/// put together may be larger. False when that is too large itself.
+/// What a file declares is what may be decoded: frames of no more pixels, and tiles put together on
+/// a canvas of no longer sides. False when that is too large itself.
 bool boundByDeclaredSize(heif_context* context, const heif_image_handle* handle) {
   // Before it is clipped and turned.
   const int width = std::max(heif_image_handle_get_ispe_width(handle), 1);
