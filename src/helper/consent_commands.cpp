@@ -94,9 +94,8 @@ constexpr CommandEntry commands[] = {
      "KIND...",
      1,
      anyNumber,
-     "allow the companion something\nKinds are those that consent list shows. screen_recording "
-     "counts "
-     "from the companion's next\nstart, the others at once.",
+     "allow the companion something\nKinds are those that consent list shows. They count at once; "
+     "for screen_recording a running\ncompanion restarts once by itself.",
      {},
      consentGrant},
     {"consent revoke", "KIND...", 1, anyNumber, "forbid it again", {}, consentRevoke},
