@@ -8,7 +8,7 @@ import {createRequire} from 'node:module';
 import {join} from 'node:path';
 import {createInterface} from 'node:readline';
 import {setTimeout as pause} from 'node:timers/promises';
-import {pathToFileURL} from 'node:url';
+import {fileURLToPath, pathToFileURL} from 'node:url';
 
 const [built, packages] = process.argv.slice(2);
 const require = createRequire(join(packages, 'package.json'));
@@ -26,6 +26,8 @@ writeFileSync(about, readFileSync(about, 'utf8').replace(
   /(<key>CFBundleIdentifier<\/key>\s*<string>)[^<]*/, `$1com.vesko.test.${process.pid}`));
 const veskoctl = join(bundle, 'Contents/Resources/veskoctl');
 const letter = join(folder, 'letter.txt');
+const picture = join(folder, 'picture.jpg');
+const photo = '5E6F7A8B-1234-4CDE-9F01-23456789ABCD';
 const children = [];
 const start = (command, ...words) => {
   const child = spawn(command, words, {stdio: ['ignore', 'inherit', 'inherit']});
@@ -85,10 +87,10 @@ async function withoutACompanion() {
 }
 
 async function anEditorIsOperated() {
-  const {structuredContent: {windows: [window]}} = await until('the editor shows', async () => {
-    const result = await call('list_windows', {bundle_id: 'org.xfce.mousepad'});
-    return result.structuredContent?.windows.length && result;
-  });
+  // It was started a moment ago: at first there is no such application.
+  await ok('wait_for_element', {bundle_id: 'org.xfce.mousepad', title: 'Document', timeout: 30});
+  const {structuredContent: {windows: [window]}} =
+    await ok('list_windows', {bundle_id: 'org.xfce.mousepad'});
   const id = window.window_id;
   await confirmed('control_window', {window_id: id, action: 'move', x: 60, y: 80});
   await confirmed('control_window', {window_id: id, action: 'resize', w: 700, h: 500});
@@ -123,8 +125,17 @@ async function anEditorIsOperated() {
   await confirmed('element_action', {element: menu.element, action: 'press'});
   await ok('press_key', {keys: 'escape', count: 2});
 
+  await confirmed('activate_application', {name: 'Mousepad'});
   const gone = await call('desktop_snapshot', {element: 'e999999'});
   assert(gone.isError && /new desktop_snapshot/.test(text(gone)));
+}
+
+async function aPhotoIsFetched() {
+  const result = await ok('get_photo', {uuid: photo});
+  const {data, mimeType} = result.content[0];
+  assert.equal(mimeType, 'image/jpeg');
+  assert(Buffer.from(data, 'base64').equals(readFileSync(picture)));
+  assert.equal(result.structuredContent.transcoded, false);
 }
 
 async function waitingCanBeFollowedAndCancelled() {
@@ -164,19 +175,23 @@ async function aClientWithoutAHandshake() {
 try {
   await theClientAndItsSchemas();
   await withoutACompanion();
-  execFileSync(veskoctl, ['consent', 'grant', 'accessibility', 'screen_recording']);
+  execFileSync(veskoctl, ['consent', 'grant', 'accessibility', 'screen_recording', 'photos']);
+  execFileSync('convert', ['-size', '64x48', 'gradient:navy-gold', picture]);
+  execFileSync(fileURLToPath(new URL('../../../scripts/tour-parts/photo_library.py', import.meta.url)),
+               [join(process.env.HOME, 'Pictures/Photos Library.photoslibrary'), picture, photo]);
   let companion = startCompanion();
   writeFileSync(letter, '');
   start('mousepad', '--disable-server', letter);
   await until('the companion answers', async () => !(await call('status')).isError);
   await anEditorIsOperated();
+  await aPhotoIsFetched();
   await waitingCanBeFollowedAndCancelled();
   await aClientWithoutAHandshake();
   await end(companion);
   await withoutACompanion();
   companion = startCompanion();
   await until('the companion is back', async () => !(await call('status')).isError);
-  await ok('quit_application', {bundle_id: 'org.xfce.mousepad'});
+  await confirmed('quit_application', {bundle_id: 'org.xfce.mousepad'});
   await client.close();
 } finally {
   for (const child of children.reverse()) await end(child);
