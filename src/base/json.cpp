@@ -190,7 +190,8 @@ void Writer::value(double value) {
     ok_ = false;
     return;
   }
-  appendNumber(out_, value);
+  // "-0" would come back as the integer 0.
+  appendNumber(out_, value == 0 ? 0.0 : value);
 }
 
 void Writer::value(std::string_view text) {
