@@ -38,7 +38,8 @@ class PictureCodec {
   virtual ~PictureCodec() = default;
 
   /// The picture as it is meant to be seen: upright, in sRGB, the first one of several. Its
-  /// memory is bounded whatever the file claims.
+  /// memory is bounded whatever the file claims, as far as the decoder of its format lets that be
+  /// judged beforehand; the back end says where it does not.
   virtual std::expected<Image, PictureError> decode(std::span<const std::byte> file) = 0;
 
   /// Writes a JPEG file of `size` pixels into `out` and returns its length. `quality` is between 0
