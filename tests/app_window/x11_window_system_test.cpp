@@ -12,6 +12,7 @@
 #include "capture/x11_test_server.h"
 #include "input/desktop.h"
 #include "platform/linux/x11_screen_source.h"
+#include "platform/linux/x11_watch.h"
 
 namespace vesko {
 
@@ -209,6 +210,29 @@ TEST(X11WithoutManager, MovesAndFocusesDirectly) {
   windows = *system.windows(program.pid());
   EXPECT_EQ(windows[0].frame, (Rect{10, 20, 300, 200}));
   EXPECT_TRUE(windows[0].focused);
+}
+
+TEST(X11Faults, SilentServerIsGivenUp) {
+  const test::TestServer server({});
+  ASSERT_FALSE(server.display.empty());
+  const test::UsingDisplay here(server.display);
+  X11Connection x11;
+  const auto answered = [&x11] {
+    xcb_connection_t* const c = x11.current();
+    return XcbPtr<xcb_get_input_focus_reply_t>(
+               xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr)) != nullptr;
+  };
+  ASSERT_TRUE(x11.get());
+  {
+    const X11Watch longer(x11.current());
+    const X11Watch watch(x11.current(), std::chrono::milliseconds(200));
+    EXPECT_TRUE(answered());
+    server.signal(SIGSTOP);
+    EXPECT_FALSE(answered());
+  }
+  EXPECT_FALSE(x11.get());
+  server.signal(SIGCONT);
+  EXPECT_TRUE(x11.get() && answered());
 }
 
 TEST(X11Faults, ServerThatHangsOrIsGone) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "platform/linux/x11_connection.h"
+#include "platform/linux/x11_watch.h"
 
 namespace vesko {
 namespace {
@@ -75,6 +76,7 @@ std::optional<DisplayReport> reportDisplay(const std::vector<std::string_view>& 
   X11Connection x;
   xcb_connection_t* const connection = x.get();
   if (!connection || !x.screen()) return std::nullopt;
+  const X11Watch watch(connection);
   DisplayReport report;
   for (const std::string_view extension : extensions) {
     if (!offers(connection, extension)) report.missingExtensions.emplace_back(extension);

@@ -2,11 +2,58 @@
 
 #include <poll.h>
 
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "base/mutex.h"
 
 namespace vesko {
+namespace {
+
+constexpr std::chrono::seconds connectPatience{5};
+
+/// A thread of its own opens the connection, because the library waits for the server without a
+/// bound. Whoever comes last of the two that share this closes what nobody took.
+struct Attempt {
+  std::mutex mutex;
+  std::condition_variable done;
+  bool finished = false;
+  bool abandoned = false;
+  xcb_connection_t* connection = nullptr;
+  int screenNumber = 0;
+};
+
+// While the server hangs every attempt leaves a thread behind until it wakes.
+constexpr int maxAttempts = 8;
+std::atomic<int> attempts = 0;
+
+void connectFor(const std::shared_ptr<Attempt>& attempt) {
+  int screenNumber = 0;
+  xcb_connection_t* connection = nullptr;
+  {
+    // The library that finds the access cookie keeps its path in a variable of its own.
+    static Mutex connecting;
+    const MutexLock lock(connecting);
+    connection = xcb_connect(nullptr, &screenNumber);
+  }
+  --attempts;
+  const std::lock_guard lock(attempt->mutex);
+  if (attempt->abandoned) {
+    xcb_disconnect(connection);
+    return;
+  }
+  attempt->connection = connection;
+  attempt->screenNumber = screenNumber;
+  attempt->finished = true;
+  attempt->done.notify_one();
+}
+
+}  // namespace
 
 XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection,
                                       std::chrono::steady_clock::time_point deadline) {
@@ -22,11 +69,28 @@ XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection,
   }
 }
 
-xcb_connection_t* openDisplay(int& screenNumber) {
-  // The library that finds the access cookie keeps its path in a variable of its own.
-  static Mutex connecting;
-  const MutexLock lock(connecting);
-  return xcb_connect(nullptr, &screenNumber);
+xcb_connection_t* openDisplay(int& screenNumber, std::chrono::steady_clock::time_point deadline) {
+  if (++attempts > maxAttempts) {
+    --attempts;
+    return nullptr;
+  }
+  const auto attempt = std::make_shared<Attempt>();
+  try {
+    std::thread(connectFor, attempt).detach();
+  } catch (const std::system_error&) {
+    --attempts;
+    return nullptr;
+  }
+  std::unique_lock lock(attempt->mutex);
+  attempt->done.wait_until(lock, deadline, [&attempt] { return attempt->finished; });
+  if (!attempt->finished) {
+    attempt->abandoned = true;
+    return nullptr;
+  }
+  screenNumber = attempt->screenNumber;
+  if (xcb_connection_has_error(attempt->connection) == 0) return attempt->connection;
+  xcb_disconnect(attempt->connection);
+  return nullptr;
 }
 
 X11Connection::~X11Connection() {
@@ -44,11 +108,9 @@ xcb_connection_t* X11Connection::get() {
   if (connection_ && xcb_connection_has_error(connection_) == 0) return connection_;
   close();
   int screenNumber = 0;
-  xcb_connection_t* opened = openDisplay(screenNumber);
-  if (xcb_connection_has_error(opened) != 0) {
-    xcb_disconnect(opened);
-    return nullptr;
-  }
+  xcb_connection_t* const opened =
+      openDisplay(screenNumber, std::chrono::steady_clock::now() + connectPatience);
+  if (!opened) return nullptr;
   auto screens = xcb_setup_roots_iterator(xcb_get_setup(opened));
   for (; screens.rem > 0 && screenNumber > 0; --screenNumber) xcb_screen_next(&screens);
   connection_ = opened;

@@ -24,9 +24,8 @@ using XcbPtr = std::unique_ptr<T, FreeDeleter>;
 XcbPtr<xcb_generic_event_t> nextEvent(xcb_connection_t* connection,
                                       std::chrono::steady_clock::time_point deadline);
 
-/// A new connection to $DISPLAY, the caller's, or one that has an error. Any thread; waits for the
-/// server without a bound.
-xcb_connection_t* openDisplay(int& screenNumber);
+/// A new connection to $DISPLAY, the caller's; null when there is none by the deadline. Any thread.
+xcb_connection_t* openDisplay(int& screenNumber, std::chrono::steady_clock::time_point deadline);
 
 /// Not synchronised: each service has a connection of its own and guards it with its own lock.
 class X11Connection {
@@ -36,8 +35,8 @@ class X11Connection {
   X11Connection& operator=(const X11Connection&) = delete;
   ~X11Connection();
 
-  /// The connection to $DISPLAY, or null while there is no server to talk to. Handles from before
-  /// a reconnection (windows, segments, atoms) are void: `generation` tells.
+  /// The connection to $DISPLAY, or null while there is no server that answers within seconds.
+  /// Handles from before a reconnection (windows, segments, atoms) are void: `generation` tells.
   xcb_connection_t* get();
   unsigned generation() const { return generation_; }
 

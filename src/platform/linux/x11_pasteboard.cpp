@@ -2,6 +2,7 @@
 
 #include "platform/linux/x11_selection_owner.h"
 #include "platform/linux/x11_selection_reader.h"
+#include "platform/linux/x11_watch.h"
 
 namespace vesko {
 
@@ -11,6 +12,7 @@ X11Pasteboard::~X11Pasteboard() = default;
 std::optional<std::string> X11Pasteboard::text() {
   const MutexLock lock(readMutex_);
   if (!reading_.get()) return std::nullopt;
+  const X11Watch watch(reading_.current());
   if (!reader_ || readingGeneration_ != reading_.generation()) {
     readingGeneration_ = reading_.generation();
     // First: a new connection may give out the identifier of the old window again.

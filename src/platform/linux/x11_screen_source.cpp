@@ -13,6 +13,7 @@
 
 #include "platform/linux/x11_connection.h"
 #include "platform/linux/x11_pixels.h"
+#include "platform/linux/x11_watch.h"
 #include "platform/linux/x11_window_capture.h"
 
 namespace vesko {
@@ -52,6 +53,7 @@ class X11ScreenSource::Session {
   const CaptureConnection* connect() {
     use_.connection = x11_.get();
     if (!use_.connection) return nullptr;
+    watch_.emplace(use_.connection);
     if (known_ != x11_.generation()) learn();
     return &use_;
   }
@@ -59,7 +61,8 @@ class X11ScreenSource::Session {
   xcb_visualid_t rootVisual() const { return x11_.screen()->root_visual; }
 
   /// Events and errors that nobody waits for would pile up.
-  void dropEvents() {
+  void end() {
+    watch_.reset();
     if (!use_.connection) return;
     while (XcbPtr<xcb_generic_event_t>(xcb_poll_for_event(use_.connection))) {
     }
@@ -156,6 +159,7 @@ class X11ScreenSource::Session {
   unsigned known_ = 0;
   bool hasMonitors_ = false;
   bool hasPointerImage_ = false;
+  std::optional<X11Watch> watch_;
 };
 
 /// A session that is one thread's until this ends.
@@ -167,7 +171,7 @@ class X11ScreenSource::Borrowed {
   Borrowed(const Borrowed&) = delete;
   Borrowed& operator=(const Borrowed&) = delete;
   ~Borrowed() {
-    session_->dropEvents();
+    session_->end();
     owner_.sessions_.giveBack(std::move(session_));
   }
 

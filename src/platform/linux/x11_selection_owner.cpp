@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/utf8.h"
+#include "platform/linux/x11_watch.h"
 
 namespace vesko {
 namespace {
@@ -15,6 +16,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto offerBound = 3s;
+constexpr auto endBound = 2s;
 /// A client that asks for no further piece this long gets none.
 constexpr auto transferBound = 30s;
 constexpr std::size_t pieceBytes = std::size_t{256} << 10;
@@ -36,6 +38,7 @@ X11SelectionOwner::X11SelectionOwner() {
     dead_ = true;
     return;
   }
+  const X11Watch watch(connection_);
   window_ = xcb_generate_id(connection_);
   const std::uint32_t events = XCB_EVENT_MASK_PROPERTY_CHANGE;
   xcb_create_window(connection_, XCB_COPY_FROM_PARENT, window_, x11_.root(), 0, 0, 1, 1, 0,
@@ -50,6 +53,8 @@ X11SelectionOwner::~X11SelectionOwner() {
     stopping_ = true;
   }
   if (!thread_.joinable()) return;
+  // Its wake-up call comes back from the server.
+  const X11Watch watch(connection_, endBound);
   wake();
   thread_.join();
 }
@@ -105,6 +110,7 @@ void X11SelectionOwner::run() {
     const std::lock_guard lock(mutex_);
     if (stopping_) return;
     if (!event) break;
+    const X11Watch watch(connection_, offerBound);
     handle(*event);
     xcb_flush(connection_);
   }

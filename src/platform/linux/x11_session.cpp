@@ -6,14 +6,11 @@
 #include <xcb/xcbext.h>
 
 #include <algorithm>
-#include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string_view>
-#include <system_error>
-#include <thread>
+
+#include "platform/linux/x11_watch.h"
 
 namespace vesko {
 namespace {
@@ -61,65 +58,19 @@ constexpr std::array<std::string_view, static_cast<std::size_t>(XAtom::count)> a
 };
 static_assert(!atomNames.back().empty());
 
-/// A thread of its own opens the connection, because the library waits for the server without a
-/// bound. Whoever comes last of the two that share this closes what nobody took.
-struct Attempt {
-  std::mutex mutex;
-  std::condition_variable done;
-  bool finished = false;
-  bool abandoned = false;
-  xcb_connection_t* connection = nullptr;
+std::unique_ptr<X11Session> openSession(Clock::time_point deadline) {
   int screenNumber = 0;
-};
-
-// While the server hangs every attempt leaves a thread behind until it wakes.
-constexpr int maxAttempts = 4;
-std::atomic<int> attempts = 0;
-
-void connectFor(const std::shared_ptr<Attempt>& attempt) {
-  int screenNumber = 0;
-  xcb_connection_t* connection = openDisplay(screenNumber);
-  // Asked here because the library waits for these answers without a bound too, once.
-  if (xcb_connection_has_error(connection) == 0) {
+  xcb_connection_t* const connection = openDisplay(screenNumber, deadline);
+  if (!connection) return nullptr;
+  auto session = std::make_unique<X11Session>(connection, screenNumber);
+  session->setDeadline(deadline);
+  {
+    // Asked here because the library waits for these answers without a bound, once.
+    const X11Watch watch(connection, std::chrono::ceil<std::chrono::milliseconds>(
+                                         std::max(deadline - Clock::now(), Clock::duration{})));
     for (xcb_extension_t* extension : {&xcb_res_id, &xcb_randr_id})
       xcb_get_extension_data(connection, extension);
   }
-  --attempts;
-  const std::lock_guard lock(attempt->mutex);
-  if (attempt->abandoned) {
-    xcb_disconnect(connection);
-    return;
-  }
-  attempt->connection = connection;
-  attempt->screenNumber = screenNumber;
-  attempt->finished = true;
-  attempt->done.notify_one();
-}
-
-std::unique_ptr<X11Session> openSession(Clock::time_point deadline) {
-  if (++attempts > maxAttempts) {
-    --attempts;
-    return nullptr;
-  }
-  const auto attempt = std::make_shared<Attempt>();
-  try {
-    std::thread(connectFor, attempt).detach();
-  } catch (const std::system_error&) {
-    --attempts;
-    return nullptr;
-  }
-  std::unique_lock lock(attempt->mutex);
-  attempt->done.wait_until(lock, deadline, [&attempt] { return attempt->finished; });
-  if (!attempt->finished) {
-    attempt->abandoned = true;
-    return nullptr;
-  }
-  if (xcb_connection_has_error(attempt->connection) != 0) {
-    xcb_disconnect(attempt->connection);
-    return nullptr;
-  }
-  auto session = std::make_unique<X11Session>(attempt->connection, attempt->screenNumber);
-  session->setDeadline(deadline);
   return session->internAtoms() ? std::move(session) : nullptr;
 }
 

@@ -8,9 +8,13 @@
 #include <limits>
 #include <variant>
 
+#include "platform/linux/x11_watch.h"
+
 namespace vesko {
 namespace {
 
+// Above what an application that hangs is waited for while typing.
+constexpr std::chrono::seconds serverPatience{15};
 constexpr std::uint8_t leftButton = 1;
 constexpr std::uint8_t rightButton = 3;
 constexpr std::uint8_t wheelUp = 4;
@@ -27,16 +31,16 @@ std::int16_t pixel(double coordinate) {
 
 }  // namespace
 
-bool XTestInput::connected() {
-  xcb_connection_t* const c = x11_.get();
-  if (!c) return false;
-  const auto* extension = xcb_get_extension_data(c, &xcb_test_id);
+bool XTestInput::hasXTest() {
+  const auto* extension = xcb_get_extension_data(x11_.current(), &xcb_test_id);
   return extension && extension->present != 0;
 }
 
 std::optional<Point> XTestInput::pointerLocation() {
   const MutexLock lock(mutex_);
-  if (!connected()) return std::nullopt;
+  if (!x11_.get()) return std::nullopt;
+  const X11Watch watch(x11_.current(), serverPatience);
+  if (!hasXTest()) return std::nullopt;
   xcb_connection_t* const c = x11_.current();
   const XcbPtr<xcb_query_pointer_reply_t> reply(
       xcb_query_pointer_reply(c, xcb_query_pointer(c, x11_.root()), nullptr));
@@ -46,7 +50,9 @@ std::optional<Point> XTestInput::pointerLocation() {
 
 bool XTestInput::post(std::span<const InputEvent> events) {
   const MutexLock lock(mutex_);
-  if (!connected()) return false;
+  if (!x11_.get()) return false;
+  const X11Watch watch(x11_.current(), serverPatience);
+  if (!hasXTest()) return false;
   while (!events.empty()) {
     if (const auto* event = std::get_if<MouseEvent>(&events.front())) {
       mouse(*event);

@@ -21,7 +21,7 @@ class XTestInput : public InputEvents {
   [[nodiscard]] bool post(std::span<const InputEvent> events) override;
 
  private:
-  bool connected() VESKO_REQUIRES(mutex_);
+  bool hasXTest() VESKO_REQUIRES(mutex_);
   void mouse(const MouseEvent& event) VESKO_REQUIRES(mutex_);
   void scroll(const ScrollEvent& event) VESKO_REQUIRES(mutex_);
   void button(std::uint8_t event, std::uint8_t number) VESKO_REQUIRES(mutex_);
