@@ -25,6 +25,7 @@ struct Toolkit {
   bool togglesCheckBoxes = true;
   bool movesItself = true;
   bool grabsFocus = true;
+  bool hasPopovers = true;
 };
 
 const std::string& roleOf(const Met& met) {
@@ -65,6 +66,26 @@ class ToolkitTest : public ::testing::TestWithParam<Toolkit> {
                                   "--name",  "Accessible", "windowmove"};
     for (const auto word : splitDroppingEmpty(command.substr(5), ' ')) move.emplace_back(word);
     outputOf(std::move(move));
+  }
+  /// The element of that title, once it has a frame on the screen that stays.
+  Met whenShown(std::string_view title) {
+    Met shown;
+    EXPECT_TRUE(eventually([&] {
+      look();
+      const auto found = std::ranges::find_if(elements_, [&](const Met& met) {
+        return met.state.title == title && met.state.frame && met.state.frame->w > 0;
+      });
+      if (found == elements_.end()) return false;
+      const bool stays = shown.state.frame == found->state.frame;
+      shown = *found;
+      return stays;
+    })) << title;
+    return shown;
+  }
+  static void click(const Met& met) {
+    const Rect frame = met.state.frame.value_or(Rect{});
+    outputOf({"xdotool", "mousemove", std::to_string(int(frame.x + frame.w / 2)),
+              std::to_string(int(frame.y + frame.h / 2)), "click", "1"});
   }
   bool reports(std::string_view line) { return app_.program().waitForLine(line); }
 
@@ -112,6 +133,9 @@ TEST_P(ToolkitTest, TellsWhatTheControlsAre) {
   if (GetParam().namesComboBoxes) EXPECT_EQ(combo->state.title, "The Combo");
   EXPECT_EQ(elements_.front().state.role, "AXApplication");
   EXPECT_EQ(elements_[1].state.role, "AXWindow");
+  // Whoever reads the title bar sees the same.
+  EXPECT_EQ(elements_[1].state.title,
+            trim(outputOf({"xdotool", "getactivewindow", "getwindowname"})));
 }
 
 TEST_P(ToolkitTest, TellsWhereTheControlsAre) {
@@ -202,6 +226,84 @@ TEST_P(ToolkitTest, Acts) {
             AXError::attributeUnsupported);
 }
 
+TEST_P(ToolkitTest, TellsWhatAMenuShowsThatIsOpen) {
+  const auto open = [&](const char* item) {
+    look();
+    const auto menu = std::ranges::find_if(
+        elements_, [](const Met& met) { return met.state.title == "File Menu"; });
+    if (menu == elements_.end()) return Met{};
+    EXPECT_EQ(session_->perform(menu->element, AXAction::press), AXError::success);
+    return whenShown(item);
+  };
+  // The pointer finds it where it is said to be.
+  click(open("Open Item"));
+  EXPECT_TRUE(reports("clicked Open Item"));
+  const Met item = open("Save Item");
+  EXPECT_EQ(item.state.role, "AXMenuItem");
+  EXPECT_EQ(item.state.enabled, true);
+  EXPECT_EQ(session_->perform(item.element, AXAction::press), AXError::success);
+  EXPECT_TRUE(reports("clicked Save Item"));
+}
+
+TEST_P(ToolkitTest, TellsWhatAPopoverShowsThatIsOpen) {
+  if (!GetParam().hasPopovers) GTEST_SKIP();
+  app_.send("popover");
+  ASSERT_TRUE(reports("popped"));
+  // It grows to its place.
+  EXPECT_TRUE(eventually([&] {
+    return agree(whenShown("In Popover").state.frame.value_or(Rect{}),
+                 app_.ownFrames()["In Popover"]);
+  }));
+  const Met button = whenShown("In Popover");
+  EXPECT_EQ(button.state.role, "AXButton");
+  EXPECT_EQ(session_->perform(button.element, AXAction::press), AXError::success);
+  EXPECT_TRUE(reports("clicked In Popover"));
+  click(button);
+  EXPECT_TRUE(reports("clicked In Popover"));
+}
+
+TEST_P(ToolkitTest, TellsWindowsOfOneApplicationApart) {
+  look();
+  const std::string first = elements_[1].state.title.value_or("");
+  // Also where nothing but its content tells the second one from the first.
+  for (const std::string& title : {std::string("Second Window"), first}) {
+    SCOPED_TRACE(title);
+    app_.send("second " + title);
+    ASSERT_TRUE(reports("second"));
+    const Met inSecond = whenShown("In Second");
+    const auto own = app_.ownFrames();
+    look();
+    for (const char* button : {"In Second", "Save As…"}) {
+      const Rect told = met("AXButton", button).state.frame.value_or(Rect{});
+      EXPECT_TRUE(agree(told, own.at(button))) << button << " " << told.x << " " << told.y;
+    }
+    if (title == first) break;
+    const AXElement root = elements_.front().element;
+    const auto isFocused = [&](AXElement window) {
+      return eventually([&] {
+        return session_->focusedWindow(root) == window &&
+               trim(outputOf({"xdotool", "getactivewindow", "getwindowname"})) ==
+                   session_->read(std::span(&window, 1), axAttributes::title, 0)[0].title;
+      });
+    };
+    const AXElement firstWindow = met("AXWindow", first).element;
+    const AXElement secondWindow = met("AXWindow", title).element;
+    EXPECT_TRUE(isFocused(secondWindow));
+    EXPECT_EQ(session_->perform(firstWindow, AXAction::raise), AXError::success);
+    EXPECT_TRUE(isFocused(firstWindow));
+    EXPECT_EQ(session_->setFocused(secondWindow), AXError::success);
+    EXPECT_TRUE(isFocused(secondWindow));
+    EXPECT_EQ(session_->perform(met("AXButton", "Save As…").element, AXAction::raise),
+              AXError::success);
+    EXPECT_TRUE(isFocused(firstWindow));
+    outputOf({"wmctrl", "-c", title});
+    EXPECT_TRUE(eventually([&] {
+      look();
+      return !find(elements_, "AXButton", "In Second");
+    }));
+  }
+}
+
 TEST_P(ToolkitTest, TellsOfElementsThatAreGone) {
   look();
   const AXElement button = met("AXButton", "Save As…").element;
@@ -240,7 +342,8 @@ INSTANTIATE_TEST_SUITE_P(, ToolkitTest,
                                                    .program = "accessible_qt5",
                                                    .arguments = {"form"},
                                                    .namesComboBoxes = false,
-                                                   .choosesClosed = false}),
+                                                   .choosesClosed = false,
+                                                   .hasPopovers = false}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

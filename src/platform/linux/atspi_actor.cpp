@@ -150,16 +150,25 @@ AXError AtspiActor::perform(AXElement element, AXAction action) {
   if (action == AXAction::raise) return raise(target);
   if (!atspiIsRoot(target.role) && !target.states.has(AtspiStates::sensitive))
     return AXError::failure;
-  for (const std::string_view name : namesOf(action)) {
-    const auto found = std::ranges::find(target.actions, name);
-    if (found != target.actions.end())
-      return doAction(target, static_cast<std::size_t>(found - target.actions.begin()));
-  }
+  if (const auto index = indexOf(action, target)) return doAction(target, *index);
+  // Whoever presses a menu wants to see it.
+  const bool isMenu = target.role == atspiRole::menu || target.role == atspiRole::menuItem;
+  if (action == AXAction::press && isMenu)
+    if (const auto index = indexOf(AXAction::showMenu, target)) return doAction(target, *index);
   if (action == AXAction::press && target.states.has(AtspiStates::selectable))
     return selectInParent(target);
   if (action == AXAction::increment) return step(target, 1);
   if (action == AXAction::decrement) return step(target, -1);
   return AXError::actionUnsupported;
+}
+
+std::optional<std::size_t> AtspiActor::indexOf(AXAction action, const Target& target) {
+  for (const std::string_view name : namesOf(action)) {
+    const auto found = std::ranges::find(target.actions, name);
+    if (found != target.actions.end())
+      return static_cast<std::size_t>(found - target.actions.begin());
+  }
+  return std::nullopt;
 }
 
 AXError AtspiActor::doAction(const Target& target, std::size_t index) {

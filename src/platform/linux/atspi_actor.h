@@ -1,6 +1,7 @@
 // Acts on one element: actions, values and the keyboard focus.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,8 @@ class AtspiActor {
   void askInterfaces(Target& target);
   void askActions(Target& target);
   AXError raise(const Target& target);
+  /// Of what the toolkit calls that action.
+  static std::optional<std::size_t> indexOf(AXAction action, const Target& target);
   AXError doAction(const Target& target, std::size_t index);
   AXError selectInParent(const Target& target);
   AXError step(const Target& target, double direction);

@@ -101,6 +101,7 @@ void AtspiObjects::forgetStates() {
   for (AtspiApplication& application : applications_) {
     application.listed = false;
     application.windows.reset();
+    application.windowOf.reset();
   }
 }
 

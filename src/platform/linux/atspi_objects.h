@@ -44,6 +44,8 @@ struct AtspiApplication {
   bool listed = false;  ///< its list of elements was asked for
   pid_t process = 0;
   std::optional<AtspiWindows::OfProcess> windows = {};
+  /// Which element stands for which of several windows.
+  std::optional<std::unordered_map<AXElement, xcb_window_t>> windowOf = {};
   bool lookedForPages = false;
   std::vector<AXElement> pages = {};  ///< roots of web pages that its views show
 };
@@ -72,7 +74,6 @@ struct AtspiObject {
   AtspiFacts facts;
   std::vector<AXElement> children;
   AtspiPlace place;
-  std::string windowTitle = {};  ///< of a window
 };
 
 /// One thread.

@@ -3,6 +3,12 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <string>
+#include <tuple>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
 
 namespace vesko {
 namespace {
@@ -149,6 +155,97 @@ const AtspiWindows::OfProcess& windowsOf(AtspiContext& context, std::uint32_t nu
   return *application.windows;
 }
 
+namespace {
+
+struct ToldWindow {
+  AXElement element = 0;
+  std::string title = {};
+  std::optional<Rect> told = {};
+  bool shows = false;
+};
+
+std::vector<ToldWindow> toldWindows(AtspiContext& context, std::uint32_t number, AXElement root) {
+  constexpr std::size_t maxWindows = 256;
+  std::vector<ToldWindow> windows;
+  context.ask(root, atspi::accessible, "GetChildren", {}, [&](const DBusReply& reply) {
+    if (!context.got(reply) || !reply.is("a(so)")) return;
+    DBusReader body = reply.body;
+    DBusReader list = body.array(8);
+    while (list.more() && windows.size() < maxWindows) {
+      list.structure();
+      const std::string_view bus = list.text();
+      const std::string_view path = list.text();
+      if (!list.ok() || bus != context.objects.application(number).busName) continue;
+      if (const auto window = context.objects.element(bus, path, root))
+        windows.push_back({.element = *window});
+    }
+  });
+  context.run();
+  const std::uint32_t coordinates =
+      extentsInWindow(context.objects.application(number).toolkit) ? 1 : 0;
+  for (ToldWindow& window : windows) {
+    context.askProperty(window.element, atspi::accessible, "Name", [&](const DBusReply& reply) {
+      if (const auto name = textProperty(reply)) window.title = *name;
+    });
+    context.ask(window.element, atspi::accessible, "GetState", {}, [&](const DBusReply& reply) {
+      const auto states = statesIn(reply);
+      window.shows =
+          states && (states->has(AtspiStates::visible) || states->has(AtspiStates::showing));
+    });
+    context.ask(window.element, atspi::component, "GetExtents", DBusArguments().add(coordinates),
+                [&](const DBusReply& reply) {
+                  if (!context.got(reply) || !reply.is("(iiii)")) return;
+                  DBusReader body = reply.body;
+                  const int x = body.int32();
+                  const int y = body.int32();
+                  const int width = body.int32();
+                  window.told = {double(x), double(y), double(width), double(body.int32())};
+                });
+  }
+  context.run();
+  return windows;
+}
+
+// An application tells of its windows in the order in which it made them, and so are X windows
+// numbered: that tells apart what is of the same title, size and, where told, place.
+std::unordered_map<AXElement, xcb_window_t> matchWindows(AtspiContext& context,
+                                                         std::uint32_t number, AXElement root) {
+  struct Pair {
+    double difference;
+    std::size_t order;
+    xcb_window_t window;
+    AXElement element;
+  };
+  const bool placed = !extentsInWindow(context.objects.application(number).toolkit);
+  const auto told = toldWindows(context, number, root);
+  std::vector<Pair> pairs;
+  for (std::size_t i = 0; i < told.size(); ++i) {
+    if (!told[i].shows) continue;
+    for (const X11Window& window : windowsOf(context, number).windows) {
+      constexpr double otherTitle = 1e6;
+      double difference = window.title.value_or("") == told[i].title ? 0 : otherTitle;
+      const Rect frame = told[i].told.value_or(Rect{});
+      difference += std::abs(window.client.w - frame.w) + std::abs(window.client.h - frame.h);
+      if (placed)
+        difference += std::abs(window.client.x - frame.x) + std::abs(window.client.y - frame.y);
+      pairs.push_back({difference, i, window.id, told[i].element});
+    }
+  }
+  std::ranges::sort(pairs, {}, [](const Pair& pair) {
+    return std::tuple(pair.difference, pair.order, pair.window);
+  });
+  std::unordered_map<AXElement, xcb_window_t> matched;
+  std::unordered_set<xcb_window_t> taken;
+  for (const Pair& pair : pairs) {
+    if (matched.contains(pair.element) || taken.contains(pair.window)) continue;
+    matched.emplace(pair.element, pair.window);
+    taken.insert(pair.window);
+  }
+  return matched;
+}
+
+}  // namespace
+
 const X11Window* windowOf(AtspiContext& context, AXElement element) {
   for (int depth = 0; depth < maxDepth; ++depth) {
     const AtspiObject& object = context.objects.object(element);
@@ -156,20 +253,18 @@ const X11Window* windowOf(AtspiContext& context, AXElement element) {
     if (context.objects.object(object.parent).path == atspi::rootPath) break;
     element = object.parent;
   }
-  const AtspiObject& object = context.objects.object(element);
-  const X11Window* best = nullptr;
-  double bestDifference = 0;
-  for (const X11Window& window : windowsOf(context, object.application).windows) {
-    // One with the same title, else the one whose size is nearest.
-    const Rect told = object.place.told.value_or(Rect{});
-    const double difference = std::abs(window.client.w - told.w) +
-                              std::abs(window.client.h - told.h) +
-                              (window.title == object.windowTitle ? 0 : 1e6);
-    if (best && difference >= bestDifference) continue;
-    best = &window;
-    bestDifference = difference;
+  const std::uint32_t number = context.objects.object(element).application;
+  const std::vector<X11Window>& windows = windowsOf(context, number).windows;
+  if (windows.empty()) return nullptr;
+  if (windows.size() == 1) return &windows.front();
+  if (!context.objects.application(number).windowOf) {
+    auto matched = matchWindows(context, number, context.objects.object(element).parent);
+    context.objects.application(number).windowOf = std::move(matched);
   }
-  return best;
+  const auto& matched = *context.objects.application(number).windowOf;
+  const auto own = matched.find(element);
+  if (own == matched.end()) return nullptr;
+  return &*std::ranges::find(windows, own->second, &X11Window::id);
 }
 
 }  // namespace vesko

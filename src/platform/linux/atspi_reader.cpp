@@ -68,10 +68,21 @@ std::vector<AXElementState> AtspiReader::read(std::span<const AXElement> element
       if (child) state.children.push_back(*child);
     if (wants(frame) && context_.bus && context_.objects.contains(item.element))
       state.frame = places_.frame(item.element);
+    if (wants(title) && state.error == AXError::success && !state.title) nameByTitleBar(item);
     if (state.error != AXError::success) state = {.error = state.error};
     states.push_back(std::move(state));
   }
   return states;
+}
+
+void AtspiReader::nameByTitleBar(Item& item) {
+  // A toolkit leaves windows without a name when the application fills their title bars.
+  if (!atspiHasTitleBar(item.facts.role) ||
+      !(item.facts.states.has(AtspiStates::visible) || item.facts.states.has(AtspiStates::showing)))
+    return;
+  const X11Window* window = windowOf(context_, item.element);
+  if (window && window->title && !window->title->empty())
+    item.state.title = boundedText(*window->title);
 }
 
 void AtspiReader::listElements(std::span<const AXElement> elements) {
@@ -170,7 +181,7 @@ void AtspiReader::askFacts(Item& item) {
                            factArrived(item);
                          });
   }
-  if (wants(role | subrole | value | enabled | focused | frame)) {
+  if (wants(role | subrole | title | value | enabled | focused | frame)) {
     ++item.factsAwaited;
     context_.ask(item.element, atspi::accessible, "GetState", {},
                  [this, &item](const DBusReply& reply) {
@@ -204,7 +215,6 @@ void AtspiReader::tellFacts(Item& item) {
   const AtspiToolkit toolkit = context_.objects.application(object.application).toolkit;
   const AtspiFacts& facts = item.facts;
   object.role = facts.role;
-  if (atspiIsWindow(facts.role)) object.windowTitle = facts.name;
   const std::uint32_t parentRole = object.parent == item.element
                                        ? atspiRole::invalid
                                        : context_.objects.object(object.parent).role;

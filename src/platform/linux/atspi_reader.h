@@ -31,6 +31,7 @@ class AtspiReader {
   };
 
   bool wants(AXAttributeSet attribute) const { return (wanted_ & attribute) != 0; }
+  void nameByTitleBar(Item& item);
   void listElements(std::span<const AXElement> elements);
   /// False when there was nothing to visit.
   bool visitUnlisted(std::uint32_t application, std::span<const AXElement> from);

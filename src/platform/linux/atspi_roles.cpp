@@ -191,8 +191,11 @@ bool atspiIsRoot(std::uint32_t role) {
 }
 
 bool atspiIsWindow(std::uint32_t role) {
-  return role == atspiRole::frame || role == atspiRole::dialog || role == atspiRole::alert ||
-         role == atspiRole::window;
+  return atspiHasTitleBar(role) || role == atspiRole::window;
+}
+
+bool atspiHasTitleBar(std::uint32_t role) {
+  return role == atspiRole::frame || role == atspiRole::dialog || role == atspiRole::alert;
 }
 
 bool atspiPopsUp(std::uint32_t role) {

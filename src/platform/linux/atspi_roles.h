@@ -77,6 +77,8 @@ bool atspiHoldsRows(std::uint32_t role);
 /// Stands for a whole application or for the desktop, and has neither state nor place.
 bool atspiIsRoot(std::uint32_t role);
 bool atspiIsWindow(std::uint32_t role);
+/// A window that is no menu or popover.
+bool atspiHasTitleBar(std::uint32_t role);
 /// Shows in a window of its own, wherever its parent lies.
 bool atspiPopsUp(std::uint32_t role);
 /// Shows a part of something larger.

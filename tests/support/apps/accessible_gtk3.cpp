@@ -1,7 +1,8 @@
 // A GTK 3 window for the accessibility tests and figures. With "form" (and "csd" for decorations
 // of its own) it holds one of each kind of control, with "many N" about N of them. On standard
 // input it takes "frames" (tells where GTK itself says that each control is), "move X Y",
-// "remove", "add", "popover" and "menu"; what happens to the controls is told on standard output.
+// "remove", "add", "popover" and "second TITLE" (another window, as large as the first); what
+// happens to the controls is told on standard output.
 #include <gtk/gtk.h>
 
 #include <cstdlib>
@@ -15,6 +16,8 @@ namespace {
 
 std::map<std::string, GtkWidget*> named;
 GtkWidget* window = nullptr;
+constexpr int width = 700;
+constexpr int height = 800;
 
 GtkWidget* name(const char* text, GtkWidget* widget) {
   named[text] = widget;
@@ -180,6 +183,12 @@ GtkWidget* many(int count) {
   return grid;
 }
 
+gboolean drawn(GtkWidget* widget, cairo_t*, gpointer text) {
+  report(static_cast<const char*>(text));
+  g_signal_handlers_disconnect_by_func(widget, reinterpret_cast<gpointer>(drawn), text);
+  return FALSE;
+}
+
 void command(const std::string& line) {
   int x = 0;
   int y = 0;
@@ -199,16 +208,14 @@ void command(const std::string& line) {
   } else if (line == "popover") {
     gtk_popover_popup(GTK_POPOVER(named["popover"]));
     report("popped");
-  } else if (line == "menu") {
-    gtk_menu_item_select(GTK_MENU_ITEM(named["File Menu"]));
-    report("menu");
+  } else if (line.starts_with("second ")) {
+    GtkWidget* second = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+    gtk_window_set_title(GTK_WINDOW(second), line.c_str() + 7);
+    gtk_window_set_default_size(GTK_WINDOW(second), width, height);
+    gtk_container_add(GTK_CONTAINER(second), button("In Second"));
+    g_signal_connect_after(second, "draw", G_CALLBACK(drawn), const_cast<char*>("second"));
+    gtk_widget_show_all(second);
   }
-}
-
-gboolean drawn(GtkWidget* widget, cairo_t*, gpointer) {
-  report("ready");
-  g_signal_handlers_disconnect_by_func(widget, reinterpret_cast<gpointer>(drawn), nullptr);
-  return FALSE;
 }
 
 }  // namespace
@@ -223,9 +230,9 @@ int main(int argc, char** argv) {
     gtk_header_bar_set_show_close_button(GTK_HEADER_BAR(header), TRUE);
     gtk_window_set_titlebar(GTK_WINDOW(window), header);
   }
-  gtk_window_set_default_size(GTK_WINDOW(window), 700, 800);
+  gtk_window_set_default_size(GTK_WINDOW(window), width, height);
   gtk_container_add(GTK_CONTAINER(window), kind == "many" ? many(std::atoi(argv[2])) : form());
-  g_signal_connect_after(window, "draw", G_CALLBACK(drawn), nullptr);
+  g_signal_connect_after(window, "draw", G_CALLBACK(drawn), const_cast<char*>("ready"));
   gtk_widget_show_all(window);
   onCommands(command);
   gtk_main();

@@ -13,6 +13,8 @@ namespace {
 
 std::map<std::string, GtkWidget*> named;
 GtkWidget* window = nullptr;
+constexpr int width = 700;
+constexpr int height = 900;
 GMainLoop* loop = nullptr;
 
 GtkWidget* name(const char* text, GtkWidget* widget) {
@@ -179,6 +181,13 @@ GtkWidget* many(int count) {
   return grid;
 }
 
+gboolean drawn(gpointer shown) {
+  GtkWidget* widget = GTK_WIDGET(shown);
+  if (!gtk_widget_get_mapped(widget) || gtk_widget_get_width(widget) == 0) return G_SOURCE_CONTINUE;
+  report(widget == window ? "ready" : "second");
+  return G_SOURCE_REMOVE;
+}
+
 void command(const std::string& line) {
   if (line == "frames") {
     tellFrames();
@@ -189,16 +198,16 @@ void command(const std::string& line) {
   } else if (line == "popover") {
     gtk_popover_popup(GTK_POPOVER(named["popover"]));
     report("popped");
-  } else if (line == "menu") {
-    gtk_menu_button_popup(GTK_MENU_BUTTON(named["File Menu"]));
-    report("menu");
+  } else if (line.starts_with("second ")) {
+    GtkWidget* second = gtk_window_new();
+    gtk_window_set_title(GTK_WINDOW(second), line.c_str() + 7);
+    if (gtk_window_get_titlebar(GTK_WINDOW(window)))
+      gtk_window_set_titlebar(GTK_WINDOW(second), gtk_header_bar_new());
+    gtk_window_set_default_size(GTK_WINDOW(second), width, height);
+    gtk_window_set_child(GTK_WINDOW(second), button("In Second"));
+    gtk_window_present(GTK_WINDOW(second));
+    g_timeout_add(20, drawn, second);
   }
-}
-
-gboolean drawn(gpointer) {
-  if (!gtk_widget_get_mapped(window) || gtk_widget_get_width(window) == 0) return G_SOURCE_CONTINUE;
-  report("ready");
-  return G_SOURCE_REMOVE;
 }
 
 void actionDone(GSimpleAction*, GVariant*, gpointer text) {
@@ -214,7 +223,7 @@ int main(int argc, char** argv) {
   window = gtk_window_new();
   gtk_window_set_title(GTK_WINDOW(window), "Accessible GTK 4");
   if (decorations == "csd") gtk_window_set_titlebar(GTK_WINDOW(window), gtk_header_bar_new());
-  gtk_window_set_default_size(GTK_WINDOW(window), 700, 900);
+  gtk_window_set_default_size(GTK_WINDOW(window), width, height);
   GSimpleActionGroup* actions = g_simple_action_group_new();
   for (const auto& [action, text] :
        {std::pair{"open", "Open Item"}, std::pair{"save", "Save Item"}}) {
@@ -225,7 +234,7 @@ int main(int argc, char** argv) {
   gtk_widget_insert_action_group(window, "win", G_ACTION_GROUP(actions));
   gtk_window_set_child(GTK_WINDOW(window), kind == "many" ? many(std::atoi(argv[2])) : form());
   gtk_window_present(GTK_WINDOW(window));
-  g_timeout_add(20, drawn, nullptr);
+  g_timeout_add(20, drawn, window);
   onCommands(command);
   loop = g_main_loop_new(nullptr, FALSE);
   g_main_loop_run(loop);

@@ -127,8 +127,8 @@ void fillMany(QMainWindow& window, int count) {
   window.setCentralWidget(body);
 }
 
-void tellFrames(QMainWindow& window) {
-  for (const QWidget* widget : window.findChildren<QWidget*>()) {
+void tellFrames() {
+  for (const QWidget* widget : QApplication::allWidgets()) {
     const std::string name = utf8(widget->objectName());
     if (name.empty() || name.starts_with("qt_") || !widget->isVisible()) continue;
     const QPoint at = widget->mapToGlobal(QPoint(0, 0));
@@ -142,16 +142,20 @@ void command(QMainWindow& window, const std::string& line) {
   int x = 0;
   int y = 0;
   if (line == "frames") {
-    tellFrames(window);
+    tellFrames();
   } else if (std::sscanf(line.c_str(), "move %d %d", &x, &y) == 2) {
     window.move(x, y);
   } else if (line == "remove") {
     delete window.findChild<QPushButton*>(QString::fromUtf8("Save As…"));
     report("removed");
-  } else if (line == "menu") {
-    QMenu* menu = window.menuBar()->actions().front()->menu();
-    menu->popup(window.mapToGlobal(QPoint(20, 40)));
-    report("menu");
+  } else if (line.starts_with("second ")) {
+    auto* second = new QMainWindow;
+    second->setAttribute(Qt::WA_DeleteOnClose);
+    second->setWindowTitle(QString::fromStdString(line.substr(7)));
+    second->resize(window.size());
+    second->setCentralWidget(button("In Second"));
+    second->show();
+    report("second");
   }
 }
 
