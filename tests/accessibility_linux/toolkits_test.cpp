@@ -8,6 +8,7 @@
 #include "accessible_app.h"
 #include "base/text.h"
 #include "platform/linux/atspi_accessibility.h"
+#include "platform/linux/x11_window_system.h"
 
 namespace vesko::test {
 namespace {
@@ -161,6 +162,11 @@ TEST_P(ToolkitTest, TellsWhereTheControlsAre) {
         },
         5s))
         << differing;
+    EXPECT_TRUE(eventually([&] {
+      look();
+      const auto listed = X11WindowSystem(windows_).windows(app_.pid());
+      return listed && !listed->empty() && elements_[1].state.frame == listed->front().frame;
+    }));
   }
   // What does not show: pages and menus that are closed, and what is scrolled away.
   for (const Met& met : elements_) {

@@ -51,10 +51,10 @@ TEST(WebPage, IsReadAndOperated) {
     return std::sscanf(std::string(line).c_str(), "title frame %d %d %d %d", &x, &y, &width,
                        &height) == 4;
   }));
-  const Rect window = *state("AXWindow", "Accessible Web").frame;
+  const Rect view = *state("AXWebArea", "The Page").frame;
   const Rect button = *state("AXButton", "The Button").frame;
-  EXPECT_NEAR(button.x, window.x + x, 1);
-  EXPECT_NEAR(button.y, window.y + y, 1);
+  EXPECT_NEAR(button.x, view.x + x, 1);
+  EXPECT_NEAR(button.y, view.y + y, 1);
   EXPECT_NEAR(button.w, width, 1);
   EXPECT_NEAR(button.h, height, 1);
   EXPECT_EQ(state("AXButton", "Far Below").frame->w, 0);

@@ -126,6 +126,10 @@ void AtspiPlaces::resolve(AXElement element, int depth) {
   place.frame = !place.seenIn || overlap(frame, *place.seenIn) ? frame : unseen;
   if (clipsChildren(toolkit, object.role) && !atspiPopsUp(object.role))
     place.seenIn = place.seenIn ? intersection(frame, *place.seenIn) : frame;
+  // What it told is where its content lies.
+  if (!atspiIsWindow(object.role) || tellsWindowFrames(toolkit)) return;
+  const X11Window* window = windowOf(context_, element);
+  if (window && (extentsInWindow(toolkit) || frame == window->client)) place.frame = window->frame;
 }
 
 void AtspiPlaces::placeInWindow(AXElement element, AtspiPlace& place) {

@@ -30,6 +30,10 @@ bool extentsInWindow(AtspiToolkit toolkit) {
   return toolkit == AtspiToolkit::gtk4;
 }
 
+bool tellsWindowFrames(AtspiToolkit toolkit) {
+  return toolkit == AtspiToolkit::gtk3;
+}
+
 bool ownFramesSuffice(AtspiToolkit toolkit) {
   return toolkit == AtspiToolkit::gtk3 || toolkit == AtspiToolkit::unknown;
 }

@@ -21,6 +21,8 @@ bool listsVisitedElementsOnly(AtspiToolkit toolkit);
 bool saysHidden(AtspiToolkit toolkit, std::uint32_t role, AtspiStates states);
 /// Whether extents are told relative to the window and not to the screen.
 bool extentsInWindow(AtspiToolkit toolkit);
+/// Whether a window tells its place with the decorations of its manager.
+bool tellsWindowFrames(AtspiToolkit toolkit);
 /// Whether each element tells correctly whether and where it is seen. Where not, its ancestors have
 /// a say.
 bool ownFramesSuffice(AtspiToolkit toolkit);
