@@ -41,11 +41,13 @@ class Builder {
   bool on_number_part(Text, Error&) { return true; }
   bool on_int64(std::int64_t value, Text, Error&) { return add(value); }
   bool on_uint64(std::uint64_t value, Text, Error&) { return add(value); }
-  bool on_double(double value, Text, Error& error) {
+  bool on_double(double value, Text text, Error& error) {
     if (!std::isfinite(value)) {
       error = boost::json::error::exponent_overflow;
       return false;
     }
+    // The library's value may be off by the last digits, and would be written as another number.
+    std::from_chars(text.data(), text.data() + text.size(), value);
     return add(value);
   }
   bool on_bool(bool value, Error&) { return add(value); }
@@ -239,8 +241,8 @@ void Writer::quoted(std::string_view text) {
   std::size_t plain = 0;  // start of the run that is copied as it is
   for (std::size_t i = 0; i < text.size();) {
     const auto c = static_cast<unsigned char>(text[i]);
-    const bool special = c < 0x20 || c == '"' || c == '\\' ||
-                         (c >= 0x80 && escaping_ == Escaping::ascii);
+    const bool special =
+        c < 0x20 || c == '"' || c == '\\' || (c >= 0x80 && escaping_ == Escaping::ascii);
     if (!special) {
       ++i;
       continue;

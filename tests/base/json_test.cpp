@@ -133,6 +133,7 @@ TEST(Json, givesNumbersAsTheTypesThatHoldThem) {
   };
   for (const auto& c : cases) EXPECT_EQ(json::parse(c.text)->asInteger(), c.integer) << c.text;
   EXPECT_EQ(json::parse("18446744073709551615")->asDouble(), 18446744073709551615.0);
+  EXPECT_EQ(json::parse("943041e61")->asDouble(), 943041e61);
   EXPECT_EQ(json::parse("{\"a\":1,\"b\":0,\"a\":2}")->find("a")->asInteger(), 2);
   EXPECT_EQ(json::parse("[1]")->find("a"), nullptr);
 }
