@@ -133,6 +133,18 @@ AXError makeMovable(X11WindowAction& action, const X11Window& window) {
       X11WindowSystem::patience);
 }
 
+/// The window once it can take another place or size; `needed` is what its manager must allow.
+std::expected<X11Window, AXError> readMovable(X11WindowAction& action, XAtom needed) {
+  const auto found = action.read();
+  if (!found) return std::unexpected(action.error());
+  if (const AXError error = makeMovable(action, *found); error != AXError::success)
+    return std::unexpected(error);
+  if (!action.allows(needed)) return std::unexpected(AXError::attributeUnsupported);
+  const auto now = action.read();
+  if (!now) return std::unexpected(action.error());
+  return *now;
+}
+
 }  // namespace
 
 std::expected<std::vector<DesktopWindow>, AXError> X11WindowSystem::windows(
@@ -172,12 +184,8 @@ AXError X11WindowSystem::move(std::uint32_t window, Point to) {
   const auto x11 = sessions_.borrow(Clock::now() + serverPatience);
   if (!x11) return AXError::failure;
   X11WindowAction action(*x11, window);
-  auto before = action.read();
-  if (!before) return action.error();
-  if (const AXError error = makeMovable(action, *before); error != AXError::success) return error;
-  if (!action.allows(XAtom::netWmActionMove)) return AXError::attributeUnsupported;
-  before = action.read();
-  if (!before) return action.error();
+  const auto before = readMovable(action, XAtom::netWmActionMove);
+  if (!before) return before.error();
 
   place(*x11, action, *before, {to.x - before->shadowLeft, to.y - before->shadowTop}, std::nullopt);
   return action.await(
@@ -191,12 +199,8 @@ AXError X11WindowSystem::resize(std::uint32_t window, double width, double heigh
   const auto x11 = sessions_.borrow(Clock::now() + serverPatience);
   if (!x11) return AXError::failure;
   X11WindowAction action(*x11, window);
-  auto before = action.read();
-  if (!before) return action.error();
-  if (const AXError error = makeMovable(action, *before); error != AXError::success) return error;
-  if (!action.allows(XAtom::netWmActionResize)) return AXError::attributeUnsupported;
-  before = action.read();
-  if (!before) return action.error();
+  const auto before = readMovable(action, XAtom::netWmActionResize);
+  if (!before) return before.error();
 
   const SizeHints hints = readSizeHints(*x11, window);
   const Rect& old = before->client;
